@@ -1,0 +1,50 @@
+# Reads the one list of entry points (frame/family.def) and exposes it to
+# CMake, so that the pipelines, the exports, the version script and the
+# chief header all come from the same lines.
+#
+#   TM_OPERATORS        operator names, in list order
+#   TM_OUTPUT_<op>      name of the operator's output argument
+#   TM_STAGE_<op>       name of its intermediate stage, or none
+#   TM_TYPES            element type words
+#   TM_TYPE_<t>         "code;bits;bytes;ctype"
+#   TM_LEVELS           level words
+#   TM_FEATURES_<l>     Halide target features of the level ("-" separated)
+#   TM_EXPORTS          every export name, operator-major
+
+set(TM_FAMILY_FILE "${CMAKE_CURRENT_LIST_DIR}/../frame/family.def")
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${TM_FAMILY_FILE}")
+file(STRINGS "${TM_FAMILY_FILE}" _tm_lines REGEX "^TM_(OPERATOR|TYPE|LEVEL)\\(")
+
+set(TM_OPERATORS "")
+set(TM_TYPES "")
+set(TM_LEVELS "")
+foreach (line IN LISTS _tm_lines)
+    string(REGEX MATCH "^TM_([A-Z]+)\\((.*)\\)[ \t]*$" _m "${line}")
+    set(kind "${CMAKE_MATCH_1}")
+    string(REPLACE "," ";" args "${CMAKE_MATCH_2}")
+    list(TRANSFORM args STRIP)
+    list(GET args 0 word)
+    if (kind STREQUAL "OPERATOR")
+        list(APPEND TM_OPERATORS ${word})
+        list(GET args 1 TM_OUTPUT_${word})
+        list(GET args 2 TM_STAGE_${word})
+    elseif (kind STREQUAL "TYPE")
+        list(APPEND TM_TYPES ${word})
+        list(SUBLIST args 1 4 TM_TYPE_${word})
+    elseif (kind STREQUAL "LEVEL")
+        list(APPEND TM_LEVELS ${word})
+        list(GET args 1 TM_FEATURES_${word})
+    endif ()
+endforeach ()
+
+set(TM_EXPORTS "")
+foreach (op IN LISTS TM_OPERATORS)
+    foreach (t IN LISTS TM_TYPES)
+        foreach (l IN LISTS TM_LEVELS)
+            list(APPEND TM_EXPORTS "${op}_${t}_${l}")
+        endforeach ()
+    endforeach ()
+endforeach ()
+
+list(LENGTH TM_EXPORTS _n)
+message(STATUS "Entry points from the list: ${_n}")

@@ -1,0 +1,115 @@
+# Builds every pipeline of the list, the one shared runtime, the exported
+# frames, the chief header and the version script, and from them the shared
+# library and a static archive of the same objects for the tests.
+
+set(TM_ROOT "${CMAKE_CURRENT_SOURCE_DIR}")
+set(TM_GEN_DIR "${CMAKE_CURRENT_BINARY_DIR}/generated")
+file(MAKE_DIRECTORY "${TM_GEN_DIR}" "${TM_GEN_DIR}/include")
+
+# The operating-system word of the targets follows the build platform.
+string(REGEX REPLACE "^([^-]+-[^-]+-[^-]+).*$" "\\1" TM_ARCH_OS "${Halide_CMAKE_TARGET}")
+
+add_halide_generator(tm_generator
+                     SOURCES frame/generator.cpp stages/element_walk.cpp stages/walk_schedule.cpp
+                             ${TM_PIPELINE_SOURCES})
+
+# One runtime for all pipelines, for the baseline target.
+add_custom_command(OUTPUT "${TM_GEN_DIR}/tm_runtime.o"
+                   COMMAND tm_generator -r tm_runtime -o "${TM_GEN_DIR}" -e object target=${TM_ARCH_OS}
+                   DEPENDS tm_generator VERBATIM)
+add_library(tm_runtime STATIC "${TM_GEN_DIR}/tm_runtime.o")
+set_target_properties(tm_runtime PROPERTIES LINKER_LANGUAGE CXX)
+target_link_libraries(tm_runtime INTERFACE Halide::Runtime Threads::Threads ${CMAKE_DL_LIBS})
+
+# Lane counts, from Halide itself.
+add_executable(tm_lanes frame/lanes.cpp)
+target_link_libraries(tm_lanes PRIVATE Halide::Halide)
+set(_lane_args "")
+foreach (l IN LISTS TM_LEVELS)
+    list(APPEND _lane_args "${l}=${TM_FEATURES_${l}}")
+endforeach ()
+list(APPEND _lane_args "--")
+foreach (t IN LISTS TM_TYPES)
+    # A boolean sample is stored and vectorised as a byte.
+    set(ht "${t}")
+    if (t STREQUAL "bool")
+        set(ht uint8)
+    endif ()
+    list(APPEND _lane_args "${t}=${ht}")
+endforeach ()
+add_custom_command(OUTPUT "${TM_GEN_DIR}/tm_lanes.h"
+                   COMMAND tm_lanes "${TM_GEN_DIR}/tm_lanes.h" ${TM_ARCH_OS} ${_lane_args}
+                   DEPENDS tm_lanes VERBATIM)
+
+# One pipeline per export, under an internal name.
+set(TM_PIPELINE_LIBS "")
+set(_prototypes "")
+set(_exports_c "/* Generated from the list of entry points: one thin export per pipeline. */\n#include \"frame.h\"\n#include \"tm_lanes.h\"\n\n")
+set(_version "{\n  global:\n")
+foreach (op IN LISTS TM_OPERATORS)
+    string(TOUPPER "${op}" OP)
+    set(out "${TM_OUTPUT_${op}}")
+    foreach (t IN LISTS TM_TYPES)
+        list(GET TM_TYPE_${t} 0 code)
+        list(GET TM_TYPE_${t} 1 bits)
+        list(GET TM_TYPE_${t} 2 bytes)
+        set(ht "${t}")
+        set(is_bool false)
+        if (t STREQUAL "bool")
+            set(ht uint8)
+            set(is_bool true)
+        endif ()
+        foreach (l IN LISTS TM_LEVELS)
+            set(name "${op}_${t}_${l}")
+            string(REPLACE "-" ";" features "${TM_FEATURES_${l}}")
+            add_halide_library(tm_${name} FROM tm_generator
+                               GENERATOR ${op}
+                               TARGETS ${TM_ARCH_OS}
+                               FEATURES ${features}
+                               USE_RUNTIME tm_runtime
+                               PARAMS keyimForType.type=${ht} ${out}.type=${ht} boolean=${is_bool})
+            list(APPEND TM_PIPELINE_LIBS tm_${name})
+            string(APPEND _prototypes
+                   "int ${name}(halide_buffer_t *keyimForType, halide_buffer_t *minmax, halide_buffer_t *strel, halide_buffer_t *${out});\n")
+            string(APPEND _exports_c
+                   "int tm_${name}(halide_buffer_t *, halide_buffer_t *, halide_buffer_t *, halide_buffer_t *);\n"
+                   "__attribute__((visibility(\"default\"))) int ${name}(halide_buffer_t *keyimForType, halide_buffer_t *minmax, halide_buffer_t *strel, halide_buffer_t *${out}) {\n"
+                   "    static const tm_entry e = {TM_${OP}, \"${out}\", ${code}, ${bits}, ${bytes}, TM_LANES_${t}_${l}, tm_${name}};\n"
+                   "    return tm_frame(&e, keyimForType, minmax, strel, ${out});\n}\n\n")
+            string(APPEND _version "    ${name};\n")
+        endforeach ()
+    endforeach ()
+endforeach ()
+string(APPEND _version "  local:\n    *;\n};\n")
+
+set(TM_PROTOTYPES "${_prototypes}")
+configure_file(include/tessmorphop3_halide.h.in "${TM_GEN_DIR}/include/tessmorphop3_halide.h" @ONLY)
+file(CONFIGURE OUTPUT "${TM_GEN_DIR}/exports.c" CONTENT "${_exports_c}" @ONLY)
+file(CONFIGURE OUTPUT "${TM_GEN_DIR}/exports.map" CONTENT "${_version}" @ONLY)
+string(REPLACE ";" "\n" _export_list "${TM_EXPORTS}")
+file(CONFIGURE OUTPUT "${TM_GEN_DIR}/exports.txt" CONTENT "${_export_list}\n" @ONLY)
+
+# Frame and dispatch, compiled once for both libraries.
+add_library(tm_frame_objects OBJECT
+            frame/frame.c "${TM_GEN_DIR}/exports.c" "${TM_GEN_DIR}/tm_lanes.h"
+            dispatch/par_for.cpp dispatch/load_hook.c)
+set_target_properties(tm_frame_objects PROPERTIES POSITION_INDEPENDENT_CODE ON
+                      C_VISIBILITY_PRESET hidden CXX_VISIBILITY_PRESET hidden)
+target_include_directories(tm_frame_objects PRIVATE frame dispatch "${TM_GEN_DIR}")
+target_link_libraries(tm_frame_objects PRIVATE Halide::Runtime TBB::tbb)
+target_compile_options(tm_frame_objects PRIVATE -Wall -Wextra)
+
+add_library(tessmorphop3_halide SHARED $<TARGET_OBJECTS:tm_frame_objects>)
+target_link_libraries(tessmorphop3_halide PRIVATE ${TM_PIPELINE_LIBS} tm_runtime TBB::tbb m)
+target_link_options(tessmorphop3_halide PRIVATE
+                    "-Wl,--version-script=${TM_GEN_DIR}/exports.map" "-Wl,--exclude-libs,ALL"
+                    "-Wl,--no-undefined")
+set_property(TARGET tessmorphop3_halide APPEND PROPERTY LINK_DEPENDS "${TM_GEN_DIR}/exports.map")
+target_include_directories(tessmorphop3_halide INTERFACE "${TM_GEN_DIR}/include")
+target_link_libraries(tessmorphop3_halide INTERFACE Halide::Runtime)
+
+# The same objects as an archive, for tests that install a returning error
+# handler or a failing allocator in the runtime.
+add_library(tessmorphop3_halide_static STATIC $<TARGET_OBJECTS:tm_frame_objects>)
+target_link_libraries(tessmorphop3_halide_static PUBLIC ${TM_PIPELINE_LIBS} tm_runtime TBB::tbb m)
+target_include_directories(tessmorphop3_halide_static PUBLIC "${TM_GEN_DIR}/include")

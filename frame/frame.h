@@ -1,0 +1,45 @@
+/* The frame that stands around every pipeline: what an export knows about
+ * itself, and the one function that runs the frame for it. */
+#ifndef TM_FRAME_H
+#define TM_FRAME_H
+
+#include <stdint.h>
+
+#include "HalideRuntime.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef int (*tm_pipeline_fn)(halide_buffer_t *keyimForType, halide_buffer_t *minmax,
+                              halide_buffer_t *strel, halide_buffer_t *out);
+
+typedef enum {
+    TM_IMERODE,
+    TM_IMDILATE,
+    TM_IMOPEN,
+    TM_IMCLOSE,
+    TM_IMTOPHAT,
+    TM_IMBOTHAT
+} tm_operator;
+
+/* One export: its operator, element type and lane count, and the Halide
+ * pipeline (compiled under an internal name) that does the work. */
+typedef struct {
+    tm_operator op;
+    const char *output;  /* name of the output argument: "erode", ... */
+    uint8_t code;        /* element type as the caller declares it */
+    uint8_t bits;
+    int32_t bytes;       /* storage of one element */
+    int32_t lanes;       /* L */
+    tm_pipeline_fn pipeline;
+} tm_entry;
+
+int tm_frame(const tm_entry *e, halide_buffer_t *keyimForType, halide_buffer_t *minmax,
+             halide_buffer_t *strel, halide_buffer_t *out);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

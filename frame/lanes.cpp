@@ -1,0 +1,40 @@
+// Build-time tool: prints, as a C header, the lane count L of every element
+// type at every level, as Halide's natural vector size for that target.
+// The pipelines split rows by the same number, so the frame's wide-branch
+// test and bounds can never disagree with the code they guard.
+//
+// usage: lanes OUTPUT.h TARGET_ARCH_OS LEVEL=FEATURES... -- TYPE=HALIDE_TYPE...
+#include "Halide.h"
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+int main(int argc, char **argv) {
+    if (argc < 4) {
+        std::fprintf(stderr, "usage: %s OUTPUT.h ARCH-OS LEVEL=FEATURES... -- TYPE=HALIDE_TYPE...\n", argv[0]);
+        return 2;
+    }
+    std::vector<std::pair<std::string, std::string>> levels, types;
+    bool in_types = false;
+    for (int i = 3; i < argc; i++) {
+        if (!std::strcmp(argv[i], "--")) { in_types = true; continue; }
+        std::string a = argv[i];
+        size_t eq = a.find('=');
+        if (eq == std::string::npos) { std::fprintf(stderr, "bad argument %s\n", argv[i]); return 2; }
+        (in_types ? types : levels).emplace_back(a.substr(0, eq), a.substr(eq + 1));
+    }
+    FILE *f = std::fopen(argv[1], "w");
+    if (!f) { std::perror(argv[1]); return 1; }
+    std::fprintf(f, "/* Generated at build time from Halide's natural vector sizes. */\n#pragma once\n");
+    for (auto &l : levels) {
+        Halide::Target target(std::string(argv[2]) + "-" + l.second);
+        for (auto &t : types) {
+            Halide::Type ht = Halide::Internal::get_halide_type_enum_map().at(t.second);
+            std::fprintf(f, "#define TM_LANES_%s_%s %d\n", t.first.c_str(), l.first.c_str(),
+                         target.natural_vector_size(ht));
+        }
+    }
+    return std::fclose(f) == 0 ? 0 : 1;
+}

@@ -1,0 +1,75 @@
+// The flat element walk shared by every stage of every operator: erosion is
+// the smallest, dilation the greatest sample met while walking the mask.
+//
+// Only the algorithm lives here; how the loops are laid out is in
+// walk_schedule.h, so that nothing in this file changes a loop and nothing
+// in that one changes a value.
+#pragma once
+
+#include "Halide.h"
+
+#include <string>
+
+namespace morph {
+
+// What the element type changes in the walk.  `storage` is the type the
+// pipeline reads and writes; `is_bool` marks the one-byte boolean, which is
+// stored as uint8 and counts by bit 0 alone.
+struct Element {
+    Halide::Type storage;
+    bool is_bool = false;
+
+    bool is_float() const { return storage.is_float(); }
+    // Greatest and least value of the element type: the initial values of
+    // erosion and dilation.  Floating types start from the infinities, not
+    // from the largest finite numbers, so that an empty walk says so.
+    Halide::Expr greatest() const;
+    Halide::Expr least() const;
+};
+
+enum class Walk { Erode, Dilate };
+
+// The structuring element as the walk sees it: the centre of each
+// dimension and the reduction domain of the offsets r_d, from -c_d with
+// extent e_d, restricted to positions whose byte is exactly 1.
+struct Strel {
+    Halide::Expr extent[3];
+    Halide::Expr centre[3];
+    Halide::RDom r;
+};
+
+// The centre goes through float32 on purpose: for extents beyond 2^24 the
+// rounding of that conversion is part of the result.
+Halide::Expr centre_of(Halide::Expr extent);
+
+Strel make_strel(const Halide::Func &strel, const Halide::Expr extents[3]);
+
+// Cast of a float64 padding bound to the element type: truncation toward
+// zero and wrap, never saturation; NaN and out-of-range values become the
+// processor's indefinite integer (only the top bit set) before narrowing.
+Halide::Expr pad_cast(const Halide::Expr &bound, const Element &el);
+
+// A sample as the walk combines it: bool images count by bit 0 alone.
+Halide::Expr sample_value(const Halide::Expr &stored, const Element &el);
+
+// The padded source: the source's value inside [min, min + extent) in every
+// dimension, `pad` anywhere else.  Reads are clamped into the domain so that
+// no lane ever leaves it, whatever is then discarded.
+Halide::Func padded(const Halide::Func &source, const Halide::Expr mins[3],
+                    const Halide::Expr extents[3], const Halide::Expr &pad,
+                    const Element &el, const std::string &name);
+
+// One accumulator step.  For floating types the accumulator survives only
+// a comparison that is true, so a NaN or an equal sample replaces it and the
+// walk order shows in the result; strict_float keeps fast-math from
+// swapping the operands.
+Halide::Expr combine(Walk w, const Halide::Expr &acc, const Halide::Expr &s,
+                     const Element &el);
+
+// The walk over `source` (already padded, or unpadded where every read is
+// known to be inside): erosion reads source(x + r), dilation source(x - r),
+// r2 outermost and r0 innermost, ascending.
+Halide::Func element_walk(Walk w, const Halide::Func &source, const Strel &se,
+                          const Element &el, const std::string &name);
+
+}  // namespace morph
