@@ -8,6 +8,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <ostream>
 #include <limits>
 #include <string>
 #include <vector>
@@ -104,6 +105,8 @@ struct CastCase {
     std::string what;
 };
 
+void PrintTo(const CastCase &c, std::ostream *os) { *os << c.what; }
+
 class CastTest : public ::testing::TestWithParam<CastCase> {};
 
 TEST_P(CastTest, MatchesTable) {
@@ -197,6 +200,8 @@ ResidueCase rc(Type t, T a, T b, T r, const char *what, bool halves = false) {
     return {t, bits(a), bits(b), bits(r), halves, what};
 }
 
+void PrintTo(const ResidueCase &c, std::ostream *os) { *os << c.what; }
+
 class ResidueTest : public ::testing::TestWithParam<ResidueCase> {};
 
 TEST_P(ResidueTest, MatchesTable) {
@@ -273,6 +278,8 @@ struct OrderCase {
     std::string what;
 };
 
+void PrintTo(const OrderCase &c, std::ostream *os) { *os << c.what; }
+
 class OrderTest : public ::testing::TestWithParam<OrderCase> {};
 
 template <typename F> void check_order(Type t, const OrderCase &c) {
@@ -336,6 +343,8 @@ struct RowCase {
     std::string what;
 };
 
+void PrintTo(const RowCase &c, std::ostream *os) { *os << c.what; }
+
 class RowTest : public ::testing::TestWithParam<RowCase> {};
 
 TEST_P(RowTest, UInt8) {
@@ -365,7 +374,7 @@ INSTANTIATE_TEST_SUITE_P(
         RowCase{Op::Erode, {4, 1, 6}, {}, 0, 0, {255, 255, 255}, "extent 0 has no taps"},
         // Pads are cast, not neutral.
         RowCase{Op::Erode, {10, 20, 30}, {1, 1, 1}, 0, 256.0, {0, 10, 0}, "erode pad 256 wraps to 0"},
-        RowCase{Op::Dilate, {10, 20, 30}, {1, 1, 1}, -1.0, 0, {255, 255, 255}, "dilate pad -1 is 255"},
+        RowCase{Op::Dilate, {10, 20, 30}, {1, 1, 1}, -1.0, 0, {255, 30, 255}, "dilate pad -1 is 255"},
         // Closing dilates past the edge, so a bright object stays bright to the edge.
         RowCase{Op::Close, {200, 200, 200, 200, 200}, {1, 1, 1}, 0, 0, {200, 200, 200, 200, 200},
                 "close all 200"},
@@ -377,9 +386,13 @@ INSTANTIATE_TEST_SUITE_P(
         RowCase{Op::Close, {10, 60, 60, 60}, {1, 1, 1}, 50, 1e300, {50, 60, 60, 60}, "close ignores upper"},
         RowCase{Op::Open, {0, 0, 9, 9, 9, 0, 0}, {1, 1}, 0, 255, {0, 0, 9, 9, 9, 0, 0}, "open even 2 unshifted"},
         RowCase{Op::Close, {9, 9, 0, 0, 0, 9, 9}, {1, 1}, 0, 0, {9, 9, 0, 0, 0, 9, 9}, "close even 2 unshifted"},
-        // U below the image erodes into it from the border; Lo = 0 does not lift it back.
-        RowCase{Op::Open, {50, 50, 50, 50, 50}, {1, 1, 1}, 0, 10, {10, 10, 50, 10, 10}, "open with low U"},
-        RowCase{Op::TopHat, {50, 50, 50, 50, 50}, {1, 1, 1}, 0, 10, {40, 40, 0, 40, 40}, "tophat with low U"},
+        // A row shorter than the element is eroded by a low U everywhere, and
+        // Lo = 0 does not lift it back.
+        RowCase{Op::Open, {50, 50}, {1, 1, 1}, 0, 10, {10, 10}, "open with low U"},
+        RowCase{Op::TopHat, {50, 50}, {1, 1, 1}, 0, 10, {40, 40}, "tophat with low U"},
+        // Lo above the image dilates into it from the border.
+        RowCase{Op::Open, {50, 50, 50}, {1, 1, 1}, 80, 255, {80, 50, 80}, "open with high Lo"},
+        RowCase{Op::TopHat, {50, 50, 50}, {1, 1, 1}, 80, 255, {0, 0, 0}, "tophat unsigned floor at 0"},
         // Without taps: opened is T's least, closed T's greatest.
         RowCase{Op::TopHat, {3, 100, 255}, {0}, 0, 0, {3, 100, 255}, "tophat no taps is the image"},
         RowCase{Op::BotHat, {3, 100, 255}, {0}, 0, 0, {252, 155, 0}, "bothat no taps is the complement"},
@@ -429,8 +442,11 @@ TEST(BoolSamples, CountByBitZero) {
     Image<uint8_t> im = row<uint8_t>({0x03, 0x02, 0xFF, 0xFE});
     EXPECT_EQ(run(Op::Erode, Type::Bool, im, 0, 1, row_element({1})), (std::vector<uint8_t>{1, 0, 1, 0}));
     EXPECT_EQ(run(Op::Dilate, Type::Bool, im, 0, 1, row_element({1})), (std::vector<uint8_t>{1, 0, 1, 0}));
-    // e0 = 2: erosion ANDs x and x+1 (pad 2.0 is false), dilation ORs x and x-1.
-    EXPECT_EQ(run(Op::Erode, Type::Bool, im, 0, 2.0, row_element({1, 1})), (std::vector<uint8_t>{0, 0, 0, 0}));
+    // e0 = 2: erosion ANDs x and x+1, dilation ORs x and x-1. The pad is a
+    // parity: 2.0 is false, 3.0 true.
+    Image<uint8_t> ones = row<uint8_t>({0x03, 0x01});
+    EXPECT_EQ(run(Op::Erode, Type::Bool, ones, 0, 2.0, row_element({1, 1})), (std::vector<uint8_t>{1, 0}));
+    EXPECT_EQ(run(Op::Erode, Type::Bool, ones, 0, 3.0, row_element({1, 1})), (std::vector<uint8_t>{1, 1}));
     EXPECT_EQ(run(Op::Dilate, Type::Bool, im, 0, 0, row_element({1, 1})), (std::vector<uint8_t>{1, 1, 1, 1}));
     EXPECT_EQ(run(Op::TopHat, Type::Bool, row<uint8_t>({0xFE, 0xFE, 0xFE}), 0, 1, row_element({1, 1, 1})),
               (std::vector<uint8_t>{0, 0, 0}));

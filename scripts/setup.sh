@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Installs everything the build, the tests and the demo need, from Debian's
+# packages.  Safe to run again: when every package is there it does nothing.
+set -euo pipefail
+
+packages=(cmake ninja-build g++ gcc make binutils pkg-config
+          libhalide14-0-dev libtbb-dev googletest libgtest-dev)
+
+missing=()
+for p in "${packages[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+        missing+=("$p")
+    fi
+done
+if [ ${#missing[@]} -eq 0 ]; then
+    echo "setup: all packages present"
+    exit 0
+fi
+
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then SUDO=sudo; fi
+echo "setup: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -q
+$SUDO apt-get install -y -q --no-install-recommends "${missing[@]}"

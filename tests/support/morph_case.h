@@ -1,0 +1,175 @@
+// One random call of an export and the same computation by the scalar
+// reference, compared byte for byte over the output's whole storage
+// (samples, gaps between rows and planes, and the guard around them).
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <map>
+#include <random>
+#include <sstream>
+#include <string>
+
+#include "buffers.h"
+#include "entries.h"
+#include "reference.h"
+
+namespace tmtest {
+
+// Tests on the static archive replace the runtime's aborting error handler
+// by one that records, so that a refused call fails the test that made it
+// instead of ending the whole run.
+inline std::string &halide_messages() {
+    static std::string m;
+    return m;
+}
+inline void record_halide_error(void *, const char *msg) { halide_messages() += msg; }
+inline bool install_recording_handler() {
+    halide_set_error_handler(record_halide_error);
+    return true;
+}
+
+struct TypeInfo {
+    tmref::Type ref;
+    halide_type_t ht;
+    int bytes;
+};
+
+inline const TypeInfo &type_info(const std::string &w) {
+    static const std::map<std::string, TypeInfo> m = {
+        {"bool", {tmref::Type::Bool, halide_type_t(halide_type_uint, 1), 1}},
+        {"uint8", {tmref::Type::UInt8, halide_type_t(halide_type_uint, 8), 1}},
+        {"int8", {tmref::Type::Int8, halide_type_t(halide_type_int, 8), 1}},
+        {"uint16", {tmref::Type::UInt16, halide_type_t(halide_type_uint, 16), 2}},
+        {"int16", {tmref::Type::Int16, halide_type_t(halide_type_int, 16), 2}},
+        {"uint32", {tmref::Type::UInt32, halide_type_t(halide_type_uint, 32), 4}},
+        {"int32", {tmref::Type::Int32, halide_type_t(halide_type_int, 32), 4}},
+        {"float32", {tmref::Type::Float32, halide_type_t(halide_type_float, 32), 4}},
+        {"float64", {tmref::Type::Float64, halide_type_t(halide_type_float, 64), 8}},
+    };
+    return m.at(w);
+}
+
+inline tmref::Op ref_op(const std::string &op) {
+    static const std::map<std::string, tmref::Op> m = {
+        {"imerode", tmref::Op::Erode},   {"imdilate", tmref::Op::Dilate}, {"imopen", tmref::Op::Open},
+        {"imclose", tmref::Op::Close},   {"imtophat", tmref::Op::TopHat}, {"imbothat", tmref::Op::BotHat}};
+    return m.at(op);
+}
+
+inline tmref::View view_of(Buf &b) {
+    tmref::View v;
+    v.host = b.b.host;
+    for (int d = 0; d < 3; d++) {
+        v.min[d] = b.dim[d].min;
+        v.extent[d] = b.dim[d].extent;
+        v.stride[d] = b.dim[d].stride;
+    }
+    return v;
+}
+
+// The shape of one call: image, output box, mask and pad bounds.
+struct Shape {
+    int32_t im_min[3], im_extent[3], row_pad, plane_pad;
+    int32_t out_min[3], out_extent[3], out_row_pad, out_plane_pad;
+    int32_t se_extent[3];
+    std::vector<uint8_t> mask;  // dense, se_extent order
+    double lower, upper;
+
+    std::string describe() const {
+        std::ostringstream s;
+        s << "image min (" << im_min[0] << "," << im_min[1] << "," << im_min[2] << ") extent (" << im_extent[0]
+          << "," << im_extent[1] << "," << im_extent[2] << ") pads " << row_pad << "/" << plane_pad << "; out min ("
+          << out_min[0] << "," << out_min[1] << "," << out_min[2] << ") extent (" << out_extent[0] << ","
+          << out_extent[1] << "," << out_extent[2] << "); strel (" << se_extent[0] << "," << se_extent[1] << ","
+          << se_extent[2] << ") bytes";
+        for (auto m : mask) s << " " << int(m);
+        s << "; lower " << lower << " upper " << upper;
+        return s.str();
+    }
+};
+
+// Fills an image with values that stress the type: extremes, and for the
+// floating types NaN, infinities and both zeros.
+inline void fill_image(Buf &im, const std::string &type, std::mt19937 &rng) {
+    im.fill_random(rng);
+    if (type != "float32" && type != "float64") return;
+    const int n = int(im.store.size() / im.elem);
+    for (int i = 0; i < n; i++) {
+        double v;
+        switch (rng() % 12) {
+        case 0: v = std::numeric_limits<double>::quiet_NaN(); break;
+        case 1: v = std::numeric_limits<double>::infinity(); break;
+        case 2: v = -std::numeric_limits<double>::infinity(); break;
+        case 3: v = 0.0; break;
+        case 4: v = -0.0; break;
+        default: v = double(int(rng() % 2001) - 1000) / 8.0; break;
+        }
+        if (type == "float32") {
+            float f = float(v);
+            std::memcpy(im.store.data() + size_t(i) * 4, &f, 4);
+        } else {
+            std::memcpy(im.store.data() + size_t(i) * 8, &v, 8);
+        }
+    }
+}
+
+inline double random_bound(const std::string &type, std::mt19937 &rng) {
+    static const double specials[] = {std::numeric_limits<double>::quiet_NaN(),
+                                      std::numeric_limits<double>::infinity(),
+                                      -std::numeric_limits<double>::infinity(),
+                                      300.0, -1.0, 256.0, 255.9, 2147483648.0, 4294967295.0, 4294967296.5,
+                                      -2147483649.0, 1e300, -0.0, 127.0, 128.0, 3.0, 2.0};
+    if (rng() % 3 == 0) return specials[rng() % (sizeof specials / sizeof specials[0])];
+    double scale = type == "uint8" || type == "int8" || type == "bool" ? 300 : type.find("16") != std::string::npos ? 70000 : 5e9;
+    return (double(rng() % 20001) / 10000.0 - 0.5) * 2 * scale;
+}
+
+// Runs the export and the reference on `s` and compares the outputs' whole
+// storage.  Returns false (with a failure recorded) on a mismatch.
+inline bool check_case(const Entry &e, const Shape &s, std::mt19937 &rng, bool uint32_halves = false) {
+    const TypeInfo &ti = type_info(e.type);
+    Buf im, mm, se, out;
+    im.init_dense(ti.ht, ti.bytes, 3, s.im_min, s.im_extent, s.row_pad, s.plane_pad);
+    fill_image(im, e.type, rng);
+    const int32_t mm_min[2] = {0, 0}, mm_ext[2] = {2, 1};
+    mm.init_dense(halide_type_t(halide_type_float, 64), 8, 2, mm_min, mm_ext);
+    std::memcpy(mm.at(0, 0), &s.lower, 8);
+    std::memcpy(mm.at(1, 0), &s.upper, 8);
+    const int32_t se_min[3] = {0, 0, 0};
+    se.init_dense(halide_type_t(halide_type_uint, 8), 1, 3, se_min, s.se_extent);
+    for (int32_t k2 = 0; k2 < s.se_extent[2]; k2++)
+        for (int32_t k1 = 0; k1 < s.se_extent[1]; k1++)
+            for (int32_t k0 = 0; k0 < s.se_extent[0]; k0++)
+                *se.at(k0, k1, k2) = s.mask[size_t((k2 * s.se_extent[1] + k1) * s.se_extent[0] + k0)];
+    out.init_dense(ti.ht, ti.bytes, 3, s.out_min, s.out_extent, s.out_row_pad, s.out_plane_pad);
+    out.fill_random(rng);
+    std::vector<uint8_t> expected = out.store;
+
+    tmref::Mask mask{se.b.host ? static_cast<const uint8_t *>(se.b.host) : nullptr,
+                     {s.se_extent[0], s.se_extent[1], s.se_extent[2]},
+                     {se.dim[0].stride, se.dim[1].stride, se.dim[2].stride}};
+    tmref::View ref_out = view_of(out);
+    ref_out.host = expected.data() + out.offset * out.elem;
+    tmref::Options opt;
+    opt.uint32_halves = uint32_halves;
+    tmref::apply(ref_op(e.op), ti.ref, view_of(im), s.lower, s.upper, mask, ref_out, opt);
+
+    static const bool handler = install_recording_handler();
+    (void)handler;
+    halide_messages().clear();
+    int status = e.fn(&im.b, &mm.b, &se.b, &out.b);
+    EXPECT_EQ(status, 0) << e.name << ": " << halide_messages() << "\n" << s.describe();
+    if (out.store == expected) return true;
+    size_t first = 0;
+    while (out.store[first] == expected[first]) first++;
+    ADD_FAILURE() << e.name << " differs from the reference at storage byte " << first << " (element "
+                  << (int64_t(first / out.elem) - out.offset) << " from the output's origin): got "
+                  << int(out.store[first]) << ", expected " << int(expected[first]) << "\n" << s.describe();
+    return false;
+}
+
+}  // namespace tmtest

@@ -1,0 +1,93 @@
+// Erosion and dilation at every entry point against the scalar reference,
+// on random shapes chosen to cross every boundary the pipelines have: the
+// narrow/wide threshold, the shifted last chunk, outputs beyond the image,
+// negative mins, masks larger than the image, non-dense strides, and pad
+// values that wrap, overflow or are NaN.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "morph_case.h"
+
+namespace tmtest {
+namespace {
+
+int32_t pick(std::mt19937 &rng, int32_t lo, int32_t hi) {
+    return lo + int32_t(rng() % uint32_t(hi - lo + 1));
+}
+
+// A random valid call: a wide image (wider than L) needs an output at least
+// L wide, as the frame refuses anything narrower there.
+Shape random_shape(const Entry &e, std::mt19937 &rng, int index) {
+    const int L = e.lanes;
+    Shape s{};
+    const int32_t widths[] = {L - 1, L, L + 1, 2 * L + 1, pick(rng, 1, 4 * L + 3)};
+    const int dims = 1 + index % 3;
+    s.im_extent[0] = std::max(1, widths[index % 5]);
+    s.im_extent[1] = dims > 1 ? pick(rng, 1, 7) : 1;
+    s.im_extent[2] = dims > 2 ? pick(rng, 1, 5) : 1;
+    for (int d = 0; d < 3; d++) {
+        s.im_min[d] = rng() % 4 == 0 ? 0 : pick(rng, -6, 6);
+        s.se_extent[d] = d < dims ? pick(rng, rng() % 8 == 0 ? 0 : 1, std::min(6, s.im_extent[d] + 2)) : 1;
+        // Outputs overlap the image, reach past it or lie beside it.
+        s.out_min[d] = s.im_min[d] + pick(rng, -4, 4);
+        s.out_extent[d] = d < dims ? pick(rng, 0, s.im_extent[d] + 4) : 1;
+    }
+    if (s.im_extent[0] > L && s.out_extent[0] < L) s.out_extent[0] = L + pick(rng, 0, L);
+    s.row_pad = pick(rng, 0, 3);
+    s.plane_pad = pick(rng, 0, 5);
+    s.out_row_pad = pick(rng, 0, 2);
+    s.out_plane_pad = pick(rng, 0, 3);
+    const size_t taps = size_t(s.se_extent[0]) * s.se_extent[1] * s.se_extent[2];
+    s.mask.resize(taps);
+    const uint8_t bytes[] = {0, 1, 1, 1, 2, 255};
+    for (auto &m : s.mask) m = bytes[rng() % 6];
+    s.lower = random_bound(e.type, rng);
+    s.upper = random_bound(e.type, rng);
+    return s;
+}
+
+class Walk : public testing::TestWithParam<Entry> {};
+
+TEST_P(Walk, MatchesReferenceOnRandomShapes) {
+    const Entry &e = GetParam();
+    if (!e.cpu_has_level()) GTEST_SKIP() << "this processor lacks level " << e.level_word;
+    std::mt19937 rng(std::hash<std::string>()(e.name));
+    int failures = 0;
+    const int rounds = std::getenv("TM_SOAK") ? 5000 : 200;
+    for (int i = 0; i < rounds && failures < 3; i++)
+        if (!check_case(e, random_shape(e, rng, i), rng)) failures++;
+}
+
+INSTANTIATE_TEST_SUITE_P(Entries, Walk, testing::ValuesIn(entries_of({"imerode", "imdilate"})), EntryName());
+
+// The three levels of one type agree bit for bit, NaN positions and signs
+// of zeros included: the same random calls through each level.
+class Levels : public testing::TestWithParam<std::string> {};
+
+TEST_P(Levels, AgreeBitForBit) {
+    for (const char *op : {"imerode", "imdilate"}) {
+        std::vector<Entry> same;
+        for (auto &e : entries_of({op}))
+            if (e.type == GetParam() && e.cpu_has_level()) same.push_back(e);
+        for (int i = 0; i < 12; i++) {
+            std::mt19937 shape_rng(1000 + i);
+            Shape s = random_shape(same.back(), shape_rng, i);
+            // Valid at every level: wide wherever the image exceeds that level's L.
+            for (auto &e : same)
+                if (s.im_extent[0] > e.lanes) s.out_extent[0] = std::max(s.out_extent[0], same.back().lanes);
+            for (auto &e : same) {
+                std::mt19937 data_rng(77 + i);
+                check_case(e, s, data_rng);
+            }
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Types, Levels,
+                         testing::Values("bool", "uint8", "int8", "uint16", "int16", "uint32", "int32",
+                                         "float32", "float64"),
+                         [](const testing::TestParamInfo<std::string> &i) { return i.param; });
+
+}  // namespace
+}  // namespace tmtest
