@@ -11,7 +11,7 @@ string(REGEX REPLACE "^([^-]+-[^-]+-[^-]+).*$" "\\1" TM_ARCH_OS "${Halide_CMAKE_
 
 add_halide_generator(tm_generator
                      SOURCES frame/generator.cpp stages/element_walk.cpp stages/walk_schedule.cpp
-                             ${TM_PIPELINE_SOURCES})
+                             pipelines/operators.cpp pipelines/residue.cpp)
 
 # One runtime for all pipelines, for the baseline target.
 add_custom_command(OUTPUT "${TM_GEN_DIR}/tm_runtime.o"

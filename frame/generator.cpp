@@ -1,68 +1,60 @@
 // The one generator of the library.  It declares the four buffers every
-// entry point takes, under their own names, and builds the stages of the
-// operator it is instantiated for.  The element type arrives as a
-// generator parameter; a boolean image is handed to the pipeline as bytes
-// and counted by bit 0, so the pipeline's own buffers are uint8 for it.
+// entry point takes, under their own names, and builds the operator it is
+// registered for.  The element type arrives as a generator parameter; a
+// boolean image is handed to the pipeline as bytes and counted by bit 0, so
+// the pipeline's own image and output buffers are uint8 for it.
 #include "Halide.h"
 
-#include "../stages/element_walk.h"
-#include "../stages/walk_schedule.h"
+#include "../pipelines/operators.h"
 
 using namespace Halide;
 
 namespace morph {
 
-enum class Op { Erode, Dilate };
-
 template<Op op>
 class Morphology : public Generator<Morphology<op>> {
+    using Base = Generator<Morphology<op>>;
+
 public:
-    template<typename T>
-    using Input = typename Generator<Morphology<op>>::template Input<T>;
-    template<typename T>
-    using Output = typename Generator<Morphology<op>>::template Output<T>;
-    template<typename T>
-    using GeneratorParam = typename Generator<Morphology<op>>::template GeneratorParam<T>;
+    typename Base::template GeneratorParam<bool> boolean{"boolean", false};
 
-    GeneratorParam<bool> boolean{"boolean", false};
-
-    Input<Buffer<>> keyimForType{"keyimForType", 3};
-    Input<Buffer<double>> minmax{"minmax", 2};
-    Input<Buffer<uint8_t>> strel{"strel", 3};
-    Output<Buffer<>> out{output_name(), 3};
+    typename Base::template Input<Buffer<>> keyimForType{"keyimForType", 3};
+    typename Base::template Input<Buffer<double>> minmax{"minmax", 2};
+    typename Base::template Input<Buffer<uint8_t>> strel{"strel", 3};
+    typename Base::template Output<Buffer<>> out{output_name(), 3};
 
     static const char *output_name() {
         switch (op) {
         case Op::Erode: return "erode";
         case Op::Dilate: return "dilate";
+        case Op::Open: return "open";
+        case Op::Close: return "close";
+        case Op::TopHat: return "tophat";
+        case Op::BotHat: return "bothat";
         }
         return "";
     }
 
     void generate() {
-        Element el{keyimForType.type(), boolean};
-        int lanes = this->natural_vector_size(el.storage);
-        Branch branch{keyimForType.dim(0).extent() > lanes, lanes};
+        Sources s;
+        s.el = Element{keyimForType.type(), boolean};
+        const int lanes = this->natural_vector_size(s.el.storage);
+        s.branch = Branch{keyimForType.dim(0).extent() > lanes, lanes};
+        // Only the baseline level's vector loop converts uint32 by halves.
+        const Target t = this->get_target();
+        s.halves = t.has_feature(Target::SSE41) ? Expr(false) : s.branch.wide;
 
-        Expr se_extent[3], im_min[3], im_extent[3];
+        Expr se_extent[3];
         for (int d = 0; d < 3; d++) {
             se_extent[d] = strel.dim(d).extent();
-            im_min[d] = keyimForType.dim(d).min();
-            im_extent[d] = keyimForType.dim(d).extent();
+            s.im_min[d] = keyimForType.dim(d).min();
+            s.im_extent[d] = keyimForType.dim(d).extent();
         }
-        Strel se = make_strel(strel, se_extent);
-        Var x("x"), y("y"), z("z");
-
-        Func walk;
-        if (op == Op::Erode) {
-            Func p = padded(keyimForType, im_min, im_extent, pad_cast(minmax(1, 0), el), el, "padded");
-            walk = element_walk(Walk::Erode, p, se, el, "imerode");
-        } else {
-            Func p = padded(keyimForType, im_min, im_extent, pad_cast(minmax(0, 0), el), el, "padded");
-            walk = element_walk(Walk::Dilate, p, se, el, "imdilate");
-        }
-        out(x, y, z) = walk(x, y, z);
-        schedule_stage(out, walk, branch);
+        s.se = make_strel(strel, se_extent);
+        s.image = keyimForType;
+        s.lower = minmax(0, 0);
+        s.upper = minmax(1, 0);
+        build(op, s, out);
     }
 };
 
@@ -70,3 +62,7 @@ public:
 
 HALIDE_REGISTER_GENERATOR(morph::Morphology<morph::Op::Erode>, imerode)
 HALIDE_REGISTER_GENERATOR(morph::Morphology<morph::Op::Dilate>, imdilate)
+HALIDE_REGISTER_GENERATOR(morph::Morphology<morph::Op::Open>, imopen)
+HALIDE_REGISTER_GENERATOR(morph::Morphology<morph::Op::Close>, imclose)
+HALIDE_REGISTER_GENERATOR(morph::Morphology<morph::Op::TopHat>, imtophat)
+HALIDE_REGISTER_GENERATOR(morph::Morphology<morph::Op::BotHat>, imbothat)

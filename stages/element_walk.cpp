@@ -59,12 +59,16 @@ Expr pad_cast(const Expr &bound, const Element &el) {
     return cast(t, truncate_indefinite(bound, 32));
 }
 
-Expr sample_value(const Expr &stored, const Element &el) {
-    return el.is_bool ? (stored & cast(el.storage, 1)) : stored;
+Func image_samples(const Func &image, const Element &el) {
+    if (!el.is_bool) return image;
+    Var u("u"), v("v"), w("w");
+    Func f("keyimForType_bit0");
+    f(u, v, w) = image(u, v, w) & cast(el.storage, 1);
+    return f;
 }
 
 Func padded(const Func &source, const Expr mins[3], const Expr extents[3], const Expr &pad,
-            const Element &el, const std::string &name) {
+            const std::string &name) {
     Var u("u"), v("v"), w("w");
     Expr coord[3] = {u, v, w};
     Expr outside = Internal::const_false();
@@ -77,7 +81,7 @@ Func padded(const Func &source, const Expr mins[3], const Expr extents[3], const
         outside = outside || coord[d] < mins[d] || coord[d] > max;
     }
     Func p(name);
-    p(u, v, w) = select(outside, pad, sample_value(source(clamped[0], clamped[1], clamped[2]), el));
+    p(u, v, w) = select(outside, pad, source(clamped[0], clamped[1], clamped[2]));
     return p;
 }
 
@@ -92,8 +96,8 @@ Expr combine(Walk w, const Expr &acc, const Expr &s, const Element &el) {
 }
 
 Func element_walk(Walk w, const Func &source, const Strel &se, const Element &el,
-                  const std::string &name) {
-    Var x("x"), y("y"), z("z");
+                  const std::string &name, const std::vector<Var> &at) {
+    const Var &x = at[0], &y = at[1], &z = at[2];
     Func f(name);
     f(x, y, z) = w == Walk::Erode ? el.greatest() : el.least();
     const RDom &r = se.r;

@@ -49,15 +49,16 @@ Strel make_strel(const Halide::Func &strel, const Halide::Expr extents[3]);
 // processor's indefinite integer (only the top bit set) before narrowing.
 Halide::Expr pad_cast(const Halide::Expr &bound, const Element &el);
 
-// A sample as the walk combines it: bool images count by bit 0 alone.
-Halide::Expr sample_value(const Halide::Expr &stored, const Element &el);
+// The image as the walk reads it: a boolean image counts by bit 0 alone,
+// in vector loads as well as scalar ones.
+Halide::Func image_samples(const Halide::Func &image, const Element &el);
 
 // The padded source: the source's value inside [min, min + extent) in every
 // dimension, `pad` anywhere else.  Reads are clamped into the domain so that
 // no lane ever leaves it, whatever is then discarded.
 Halide::Func padded(const Halide::Func &source, const Halide::Expr mins[3],
                     const Halide::Expr extents[3], const Halide::Expr &pad,
-                    const Element &el, const std::string &name);
+                    const std::string &name);
 
 // One accumulator step.  For floating types the accumulator survives only
 // a comparison that is true, so a NaN or an equal sample replaces it and the
@@ -68,8 +69,10 @@ Halide::Expr combine(Walk w, const Halide::Expr &acc, const Halide::Expr &s,
 
 // The walk over `source` (already padded, or unpadded where every read is
 // known to be inside): erosion reads source(x + r), dilation source(x - r),
-// r2 outermost and r0 innermost, ascending.
+// r2 outermost and r0 innermost, ascending.  `at` names the walk's own
+// coordinates: x, y, z for an output, u, v, w for an intermediate.
 Halide::Func element_walk(Walk w, const Halide::Func &source, const Strel &se,
-                          const Element &el, const std::string &name);
+                          const Element &el, const std::string &name,
+                          const std::vector<Halide::Var> &at);
 
 }  // namespace morph

@@ -33,7 +33,17 @@ Shape random_shape(const Entry &e, std::mt19937 &rng, int index) {
         s.out_min[d] = s.im_min[d] + pick(rng, -4, 4);
         s.out_extent[d] = d < dims ? pick(rng, 0, s.im_extent[d] + 4) : 1;
     }
-    if (s.im_extent[0] > L && s.out_extent[0] < L) s.out_extent[0] = L + pick(rng, 0, L);
+    // The residues read the image at the output's own coordinates, so their
+    // output lies inside the image.
+    if (e.op == "imtophat" || e.op == "imbothat")
+        for (int d = 0; d < 3; d++) {
+            s.out_min[d] = s.im_min[d] + pick(rng, 0, s.im_extent[d] - 1);
+            s.out_extent[d] = pick(rng, 0, s.im_min[d] + s.im_extent[d] - s.out_min[d]);
+        }
+    if (s.im_extent[0] > L && s.out_extent[0] < L) {
+        s.out_extent[0] = std::min(L + pick(rng, 0, L), s.im_extent[0]);
+        if (e.op == "imtophat" || e.op == "imbothat") s.out_min[0] = s.im_min[0] + pick(rng, 0, s.im_extent[0] - s.out_extent[0]);
+    }
     s.row_pad = pick(rng, 0, 3);
     s.plane_pad = pick(rng, 0, 5);
     s.out_row_pad = pick(rng, 0, 2);
@@ -59,7 +69,9 @@ TEST_P(Walk, MatchesReferenceOnRandomShapes) {
         if (!check_case(e, random_shape(e, rng, i), rng)) failures++;
 }
 
-INSTANTIATE_TEST_SUITE_P(Entries, Walk, testing::ValuesIn(entries_of({"imerode", "imdilate"})), EntryName());
+INSTANTIATE_TEST_SUITE_P(Entries, Walk,
+                         testing::ValuesIn(entries_of({"imerode", "imdilate", "imopen", "imclose", "imtophat", "imbothat"})),
+                         EntryName());
 
 // The three levels of one type agree bit for bit, NaN positions and signs
 // of zeros included: the same random calls through each level.

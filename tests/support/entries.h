@@ -31,6 +31,8 @@ struct Entry {
     }
 };
 
+inline void PrintTo(const Entry &e, std::ostream *os) { *os << e.name; }
+
 inline Level level_of(const std::string &w) {
     return w == "none" ? Level::None : w == "avx" ? Level::Avx : Level::Avx2;
 }

@@ -1,0 +1,89 @@
+#include "operators.h"
+
+#include "residue.h"
+
+using namespace Halide;
+
+namespace morph {
+
+namespace {
+
+const std::vector<Var> &output_vars() {
+    static const std::vector<Var> v = {Var("x"), Var("y"), Var("z")};
+    return v;
+}
+
+const std::vector<Var> &image_vars() {
+    static const std::vector<Var> v = {Var("u"), Var("v"), Var("w")};
+    return v;
+}
+
+// The image padded with `pad` outside its own domain.
+Func padded_image(const Sources &s, const Expr &pad) {
+    return padded(image_samples(s.image, s.el), s.im_min, s.im_extent, pad, "padded");
+}
+
+// Stage 1 of a two-stage operator: a walk over the padded image, stored
+// whole at the root under the stage's name.  Its range is what stage 2
+// reads, as bounds inference finds it; in the wide branch it is at least one
+// chunk wide.
+Func stored_stage(Walk w, const Sources &s, const Expr &pad, const std::string &name) {
+    const std::vector<Var> &at = image_vars();
+    Func acc = element_walk(w, padded_image(s, pad), s.se, s.el, name + "_chunk", at);
+    Func stage(name);
+    stage(at[0], at[1], at[2]) = acc(at[0], at[1], at[2]);
+    schedule_stage(stage, acc, s.branch);
+    stage.compute_root();
+    return stage;
+}
+
+// Opening's window starts at 0 whatever the image's mins are; its bound in
+// dimension 2 is the image's extent in dimension 1 for imopen and in
+// dimension 2 for imtophat.  Both are kept as they are.
+Func opening_walk(const Sources &s, const Expr &plane_bound) {
+    Func imerode = stored_stage(Walk::Erode, s, pad_cast(s.upper, s.el), "imerode");
+    Expr zero[3] = {0, 0, 0};
+    Expr window[3] = {s.im_extent[0], s.im_extent[1], plane_bound};
+    Func q = padded(imerode, zero, window, pad_cast(s.lower, s.el), "window");
+    return element_walk(Walk::Dilate, q, s.se, s.el, "imdilate", output_vars());
+}
+
+// Closing's intermediate reaches as far as stage 2 reads, unclipped, so the
+// second walk needs no test at all.
+Func closing_walk(const Sources &s) {
+    Func imdilate = stored_stage(Walk::Dilate, s, pad_cast(s.lower, s.el), "imdilate");
+    return element_walk(Walk::Erode, imdilate, s.se, s.el, "imerode", output_vars());
+}
+
+}  // namespace
+
+void build(Op op, const Sources &s, Func out) {
+    const std::vector<Var> &xyz = output_vars();
+    const Var &x = xyz[0], &y = xyz[1], &z = xyz[2];
+    Func acc;
+    switch (op) {
+    case Op::Erode:
+        acc = element_walk(Walk::Erode, padded_image(s, pad_cast(s.upper, s.el)), s.se, s.el, "imerode", xyz);
+        break;
+    case Op::Dilate:
+        acc = element_walk(Walk::Dilate, padded_image(s, pad_cast(s.lower, s.el)), s.se, s.el, "imdilate", xyz);
+        break;
+    case Op::Open: acc = opening_walk(s, s.im_extent[1]); break;
+    case Op::TopHat: acc = opening_walk(s, s.im_extent[2]); break;
+    case Op::Close:
+    case Op::BotHat: acc = closing_walk(s); break;
+    }
+
+    // The residues read the image once more, at the output's own
+    // coordinates, with no clamp and no pad.
+    Func samples = image_samples(s.image, s.el);
+    if (op == Op::TopHat)
+        out(x, y, z) = residue(samples(x, y, z), acc(x, y, z), s.el, s.halves);
+    else if (op == Op::BotHat)
+        out(x, y, z) = residue(acc(x, y, z), samples(x, y, z), s.el, s.halves);
+    else
+        out(x, y, z) = acc(x, y, z);
+    schedule_stage(out, acc, s.branch);
+}
+
+}  // namespace morph

@@ -1,0 +1,33 @@
+// The six operators as Halide pipelines, built from the shared element
+// walk: erosion and dilation in one stage; opening and closing as a walk
+// into a stored intermediate followed by a second walk; top-hat and
+// bottom-hat as opening and closing with the residue fused into the last
+// stage.
+#pragma once
+
+#include "Halide.h"
+
+#include "../stages/element_walk.h"
+#include "../stages/walk_schedule.h"
+
+namespace morph {
+
+enum class Op { Erode, Dilate, Open, Close, TopHat, BotHat };
+
+// What every pipeline is built from: the image as a Func with its domain,
+// the two pad bounds as read from `minmax`, the element, the type and the
+// branch.
+struct Sources {
+    Halide::Func image;  // keyimForType, as stored
+    Halide::Expr im_min[3], im_extent[3];
+    Halide::Expr lower, upper;  // minmax(0, 0) and minmax(1, 0)
+    Strel se;
+    Element el;
+    Branch branch;
+    Halide::Expr halves;  // the residue's uint32 conversion by halves
+};
+
+// Defines and schedules the whole pipeline into `out` (x, y, z).
+void build(Op op, const Sources &s, Halide::Func out);
+
+}  // namespace morph
