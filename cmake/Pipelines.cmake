@@ -63,19 +63,29 @@ foreach (op IN LISTS TM_OPERATORS)
         foreach (l IN LISTS TM_LEVELS)
             set(name "${op}_${t}_${l}")
             string(REPLACE "-" ";" features "${TM_FEATURES_${l}}")
+            set(stage "${TM_STAGE_${op}}")
+            set(params keyimForType.type=${ht} ${out}.type=${ht} boolean=${is_bool})
+            if (stage STREQUAL "none")
+                set(entry_fns "tm_${name}, 0, 0")
+                set(stage_arg "")
+            else ()
+                list(APPEND params ${stage}.type=${ht})
+                set(entry_fns "0, tm_${name}, \"${stage}\"")
+                set(stage_arg ", halide_buffer_t *")
+            endif ()
             add_halide_library(tm_${name} FROM tm_generator
                                GENERATOR ${op}
                                TARGETS ${TM_ARCH_OS}
                                FEATURES ${features}
                                USE_RUNTIME tm_runtime
-                               PARAMS keyimForType.type=${ht} ${out}.type=${ht} boolean=${is_bool})
+                               PARAMS ${params})
             list(APPEND TM_PIPELINE_LIBS tm_${name})
             string(APPEND _prototypes
                    "int ${name}(halide_buffer_t *keyimForType, halide_buffer_t *minmax, halide_buffer_t *strel, halide_buffer_t *${out});\n")
             string(APPEND _exports_c
-                   "int tm_${name}(halide_buffer_t *, halide_buffer_t *, halide_buffer_t *, halide_buffer_t *);\n"
+                   "int tm_${name}(halide_buffer_t *, halide_buffer_t *, halide_buffer_t *, halide_buffer_t *${stage_arg});\n"
                    "__attribute__((visibility(\"default\"))) int ${name}(halide_buffer_t *keyimForType, halide_buffer_t *minmax, halide_buffer_t *strel, halide_buffer_t *${out}) {\n"
-                   "    static const tm_entry e = {TM_${OP}, \"${out}\", ${code}, ${bits}, ${bytes}, TM_LANES_${t}_${l}, tm_${name}};\n"
+                   "    static const tm_entry e = {TM_${OP}, \"${out}\", ${code}, ${bits}, ${bytes}, TM_LANES_${t}_${l}, ${entry_fns}};\n"
                    "    return tm_frame(&e, keyimForType, minmax, strel, ${out});\n}\n\n")
             string(APPEND _version "    ${name};\n")
             string(APPEND _entries "TM_ENTRY(${op}, ${t}, ${l}, ${out})\n")
@@ -94,7 +104,7 @@ file(CONFIGURE OUTPUT "${TM_GEN_DIR}/exports.txt" CONTENT "${_export_list}\n" @O
 
 # Frame and dispatch, compiled once for both libraries.
 add_library(tm_frame_objects OBJECT
-            frame/frame.c "${TM_GEN_DIR}/exports.c" "${TM_GEN_DIR}/tm_lanes.h"
+            frame/frame.c frame/intermediate.c "${TM_GEN_DIR}/exports.c" "${TM_GEN_DIR}/tm_lanes.h"
             dispatch/par_for.cpp dispatch/load_hook.c)
 set_target_properties(tm_frame_objects PROPERTIES POSITION_INDEPENDENT_CODE ON
                       C_VISIBILITY_PRESET hidden CXX_VISIBILITY_PRESET hidden)

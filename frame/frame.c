@@ -52,7 +52,7 @@ int tm_frame(const tm_entry *e, halide_buffer_t *keyimForType, halide_buffer_t *
     shallow_copy(&mm, minmax, 2, 0);
     shallow_copy(&se, strel, 3, 0);
     shallow_copy(&o, out, 3, as_bytes);
-    return e->pipeline(&im.buf, &mm.buf, &se.buf, &o.buf);
+    return tm_run_pipeline(e, &im.buf, &mm.buf, &se.buf, &o.buf);
 }
 
 /* The load hook lives in its own object; this reference makes a static

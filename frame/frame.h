@@ -13,6 +13,9 @@ extern "C" {
 
 typedef int (*tm_pipeline_fn)(halide_buffer_t *keyimForType, halide_buffer_t *minmax,
                               halide_buffer_t *strel, halide_buffer_t *out);
+/* A two-stage pipeline also takes its intermediate, named after its stage. */
+typedef int (*tm_staged_fn)(halide_buffer_t *keyimForType, halide_buffer_t *minmax,
+                            halide_buffer_t *strel, halide_buffer_t *out, halide_buffer_t *stage);
 
 typedef enum {
     TM_IMERODE,
@@ -32,8 +35,19 @@ typedef struct {
     uint8_t bits;
     int32_t bytes;       /* storage of one element */
     int32_t lanes;       /* L */
-    tm_pipeline_fn pipeline;
+    tm_pipeline_fn pipeline;  /* one-stage operators */
+    tm_staged_fn staged;      /* two-stage operators */
+    const char *stage;        /* name of the intermediate stage, or NULL */
 } tm_entry;
+
+/* The centre of the structuring element in one dimension, through float32:
+ * beyond 2^24 the rounding of that conversion is part of the result. */
+int32_t tm_centre(int32_t extent);
+
+/* Runs the entry's pipeline on descriptors that passed every check (for a
+ * two-stage operator: sizes, allocates and releases the intermediate). */
+int tm_run_pipeline(const tm_entry *e, halide_buffer_t *keyimForType, halide_buffer_t *minmax,
+                    halide_buffer_t *strel, halide_buffer_t *out);
 
 int tm_frame(const tm_entry *e, halide_buffer_t *keyimForType, halide_buffer_t *minmax,
              halide_buffer_t *strel, halide_buffer_t *out);

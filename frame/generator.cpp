@@ -3,6 +3,11 @@
 // registered for.  The element type arrives as a generator parameter; a
 // boolean image is handed to the pipeline as bytes and counted by bit 0, so
 // the pipeline's own image and output buffers are uint8 for it.
+//
+// A two-stage operator's intermediate is a fifth buffer, named after its
+// stage: the entry point sizes, allocates and frees it (one block of the
+// box plus one element), and the pipeline fills it in stage 1 and reads it
+// in stage 2.
 #include "Halide.h"
 
 #include "../pipelines/operators.h"
@@ -11,9 +16,11 @@ using namespace Halide;
 
 namespace morph {
 
-template<Op op>
-class Morphology : public Generator<Morphology<op>> {
-    using Base = Generator<Morphology<op>>;
+constexpr bool two_stage(Op op) { return op != Op::Erode && op != Op::Dilate; }
+
+template<Op op, typename Self>
+class Operator : public Generator<Self> {
+    using Base = Generator<Self>;
 
 public:
     typename Base::template GeneratorParam<bool> boolean{"boolean", false};
@@ -54,15 +61,30 @@ public:
         s.image = keyimForType;
         s.lower = minmax(0, 0);
         s.upper = minmax(1, 0);
-        build(op, s, out);
+        build(op, s, out, static_cast<Self *>(this)->stage_output());
     }
+};
+
+template<Op op>
+class Morphology : public Operator<op, Morphology<op>> {
+public:
+    Func stage_output() { return Func(); }
+};
+
+template<Op op>
+class TwoStage : public Operator<op, TwoStage<op>> {
+    using Base = Generator<TwoStage<op>>;
+
+public:
+    typename Base::template Output<Buffer<>> stage{op == Op::Open || op == Op::TopHat ? "imerode" : "imdilate", 3};
+    Func stage_output() { return stage; }
 };
 
 }  // namespace morph
 
 HALIDE_REGISTER_GENERATOR(morph::Morphology<morph::Op::Erode>, imerode)
 HALIDE_REGISTER_GENERATOR(morph::Morphology<morph::Op::Dilate>, imdilate)
-HALIDE_REGISTER_GENERATOR(morph::Morphology<morph::Op::Open>, imopen)
-HALIDE_REGISTER_GENERATOR(morph::Morphology<morph::Op::Close>, imclose)
-HALIDE_REGISTER_GENERATOR(morph::Morphology<morph::Op::TopHat>, imtophat)
-HALIDE_REGISTER_GENERATOR(morph::Morphology<morph::Op::BotHat>, imbothat)
+HALIDE_REGISTER_GENERATOR(morph::TwoStage<morph::Op::Open>, imopen)
+HALIDE_REGISTER_GENERATOR(morph::TwoStage<morph::Op::Close>, imclose)
+HALIDE_REGISTER_GENERATOR(morph::TwoStage<morph::Op::TopHat>, imtophat)
+HALIDE_REGISTER_GENERATOR(morph::TwoStage<morph::Op::BotHat>, imbothat)

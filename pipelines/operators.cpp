@@ -24,24 +24,22 @@ Func padded_image(const Sources &s, const Expr &pad) {
 }
 
 // Stage 1 of a two-stage operator: a walk over the padded image, stored
-// whole at the root under the stage's name.  Its range is what stage 2
-// reads, as bounds inference finds it; in the wide branch it is at least one
-// chunk wide.
-Func stored_stage(Walk w, const Sources &s, const Expr &pad, const std::string &name) {
+// whole in the intermediate buffer.  The entry point sizes that buffer to
+// exactly what stage 2 reads (in the wide branch at least one chunk wide),
+// and the pipeline's own checks confirm that it covers it.
+Func stored_stage(Walk w, const Sources &s, const Expr &pad, Func stage) {
     const std::vector<Var> &at = image_vars();
-    Func acc = element_walk(w, padded_image(s, pad), s.se, s.el, name + "_chunk", at);
-    Func stage(name);
+    Func acc = element_walk(w, padded_image(s, pad), s.se, s.el, stage.name() + "_chunk", at);
     stage(at[0], at[1], at[2]) = acc(at[0], at[1], at[2]);
     schedule_stage(stage, acc, s.branch);
-    stage.compute_root();
     return stage;
 }
 
 // Opening's window starts at 0 whatever the image's mins are; its bound in
 // dimension 2 is the image's extent in dimension 1 for imopen and in
 // dimension 2 for imtophat.  Both are kept as they are.
-Func opening_walk(const Sources &s, const Expr &plane_bound) {
-    Func imerode = stored_stage(Walk::Erode, s, pad_cast(s.upper, s.el), "imerode");
+Func opening_walk(const Sources &s, const Expr &plane_bound, Func stage) {
+    Func imerode = stored_stage(Walk::Erode, s, pad_cast(s.upper, s.el), stage);
     Expr zero[3] = {0, 0, 0};
     Expr window[3] = {s.im_extent[0], s.im_extent[1], plane_bound};
     Func q = padded(imerode, zero, window, pad_cast(s.lower, s.el), "window");
@@ -50,14 +48,14 @@ Func opening_walk(const Sources &s, const Expr &plane_bound) {
 
 // Closing's intermediate reaches as far as stage 2 reads, unclipped, so the
 // second walk needs no test at all.
-Func closing_walk(const Sources &s) {
-    Func imdilate = stored_stage(Walk::Dilate, s, pad_cast(s.lower, s.el), "imdilate");
+Func closing_walk(const Sources &s, Func stage) {
+    Func imdilate = stored_stage(Walk::Dilate, s, pad_cast(s.lower, s.el), stage);
     return element_walk(Walk::Erode, imdilate, s.se, s.el, "imerode", output_vars());
 }
 
 }  // namespace
 
-void build(Op op, const Sources &s, Func out) {
+void build(Op op, const Sources &s, Func out, Func stage) {
     const std::vector<Var> &xyz = output_vars();
     const Var &x = xyz[0], &y = xyz[1], &z = xyz[2];
     Func acc;
@@ -68,10 +66,10 @@ void build(Op op, const Sources &s, Func out) {
     case Op::Dilate:
         acc = element_walk(Walk::Dilate, padded_image(s, pad_cast(s.lower, s.el)), s.se, s.el, "imdilate", xyz);
         break;
-    case Op::Open: acc = opening_walk(s, s.im_extent[1]); break;
-    case Op::TopHat: acc = opening_walk(s, s.im_extent[2]); break;
+    case Op::Open: acc = opening_walk(s, s.im_extent[1], stage); break;
+    case Op::TopHat: acc = opening_walk(s, s.im_extent[2], stage); break;
     case Op::Close:
-    case Op::BotHat: acc = closing_walk(s); break;
+    case Op::BotHat: acc = closing_walk(s, stage); break;
     }
 
     // The residues read the image once more, at the output's own

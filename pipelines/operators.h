@@ -27,7 +27,9 @@ struct Sources {
     Halide::Expr halves;  // the residue's uint32 conversion by halves
 };
 
-// Defines and schedules the whole pipeline into `out` (x, y, z).
-void build(Op op, const Sources &s, Halide::Func out);
+// Defines and schedules the whole pipeline into `out` (x, y, z); a
+// two-stage operator computes its first stage into `stage` (u, v, w), an
+// output buffer that the caller provides.
+void build(Op op, const Sources &s, Halide::Func out, Halide::Func stage);
 
 }  // namespace morph

@@ -40,6 +40,13 @@ Shape random_shape(const Entry &e, std::mt19937 &rng, int index) {
             s.out_min[d] = s.im_min[d] + pick(rng, 0, s.im_extent[d] - 1);
             s.out_extent[d] = pick(rng, 0, s.im_min[d] + s.im_extent[d] - s.out_min[d]);
         }
+    // An empty output together with an element of extent 0 in the same
+    // dimension gives a two-stage operator a range of -1 samples there,
+    // which as an unsigned size is refused or runs out of memory: a call no
+    // random suite should make.
+    if (e.op != "imerode" && e.op != "imdilate")
+        for (int d = 0; d < 3; d++)
+            if (s.out_extent[d] == 0 && s.se_extent[d] == 0) s.se_extent[d] = 1;
     if (s.im_extent[0] > L && s.out_extent[0] < L) {
         s.out_extent[0] = std::min(L + pick(rng, 0, L), s.im_extent[0]);
         if (e.op == "imtophat" || e.op == "imbothat") s.out_min[0] = s.im_min[0] + pick(rng, 0, s.im_extent[0] - s.out_extent[0]);
