@@ -1,58 +1,295 @@
-/* The frame of every export: the pointer tests, then a call of the Halide
- * pipeline with shallow copies of the caller's descriptors.
+/* The frame of every export: the checks of the four descriptors, the
+ * bounds query, and the call of the Halide pipeline.
  *
- * The pipeline is compiled with Halide's own checks left on.  The copies
- * make those checks see exactly what the caller meant: three (two for
- * minmax) dimensions, no flags, and for a boolean image the byte type the
- * pipeline was compiled for. */
+ * Halide's own frame is close to the one this library promises but not the
+ * same: it adds checks (dimensions, the size of dimension 0, device-dirty
+ * flags), words one report differently, and answers a query for a narrow
+ * output on a wide image from the adjusted output start.  So every export
+ * runs this frame first, and hands the pipeline copies of the descriptors on
+ * which Halide's extra checks pass exactly when these ones did.
+ *
+ * One frame serves all operators; what differs between them is in the
+ * table below.  All coordinate arithmetic is 32-bit and wraps, as in the
+ * pipelines themselves, so it is done in uint32_t. */
 #include "frame.h"
 
+#include <math.h>
+#include <stddef.h>
 #include <string.h>
 
+/* Argument positions, as the exports take them. */
+enum { IM, MM, SE, OUT, NARGS };
+
+enum { WALK_NONE, WALK_ERODE, WALK_DILATE };
+
+typedef struct {
+    /* The checks walk the buffers alphabetically by argument name; the
+     * null tests walk the same list backwards. */
+    uint8_t order[NARGS];
+    /* The element walks from image to output (second one WALK_NONE for a
+     * one-stage operator). */
+    uint8_t walk[2];
+    /* Opening's intermediate is held inside 0 .. E-1 (the window); E in
+     * dimension 2 is the image's extent in dimension `window_z`. */
+    uint8_t windowed, window_z;
+    /* The residue reads the image again at the output's own coordinates. */
+    uint8_t residue;
+    /* The entries of minmax the operator reads: (min, extent) in dimensions
+     * 0 and 1. */
+    int32_t minmax[2][2];
+} op_traits;
+
+static const op_traits traits[] = {
+    [TM_IMERODE] = {{OUT, IM, MM, SE}, {WALK_ERODE, WALK_NONE}, 0, 0, 0, {{1, 1}, {0, 1}}},
+    [TM_IMDILATE] = {{OUT, IM, MM, SE}, {WALK_DILATE, WALK_NONE}, 0, 0, 0, {{0, 1}, {0, 1}}},
+    [TM_IMOPEN] = {{IM, MM, OUT, SE}, {WALK_ERODE, WALK_DILATE}, 1, 1, 0, {{0, 2}, {0, 1}}},
+    [TM_IMCLOSE] = {{OUT, IM, MM, SE}, {WALK_DILATE, WALK_ERODE}, 0, 0, 0, {{0, 1}, {0, 1}}},
+    [TM_IMTOPHAT] = {{IM, MM, SE, OUT}, {WALK_ERODE, WALK_DILATE}, 1, 2, 1, {{0, 2}, {0, 1}}},
+    [TM_IMBOTHAT] = {{OUT, IM, MM, SE}, {WALK_DILATE, WALK_ERODE}, 0, 0, 1, {{0, 1}, {0, 1}}},
+};
+
+static const int arg_dims[NARGS] = {3, 2, 3, 3};
+static const char *const input_name[NARGS] = {"keyimForType", "minmax", "strel", NULL};
+static const char *const input_label[NARGS] = {"Input buffer keyimForType", "Input buffer minmax",
+                                               "Input buffer strel", NULL};
+
+/* Wrapping 32-bit sums. */
+static int32_t add(int32_t a, int32_t b) { return (int32_t)((uint32_t)a + (uint32_t)b); }
+static int32_t sub(int32_t a, int32_t b) { return (int32_t)((uint32_t)a - (uint32_t)b); }
+static int32_t min32(int32_t a, int32_t b) { return a < b ? a : b; }
+static int32_t max32(int32_t a, int32_t b) { return a > b ? a : b; }
+
+/* What the frame reads of one descriptor, once, at entry. */
+typedef struct {
+    void *host;
+    uint64_t device;
+    struct halide_type_t type;
+    int32_t min[3], extent[3], stride[3];
+} entry_view;
+
+static void read_entry(entry_view *v, const halide_buffer_t *b, int dims) {
+    v->host = b->host;
+    v->device = b->device;
+    v->type = b->type;
+    for (int d = 0; d < dims; d++) {
+        v->min[d] = b->dim[d].min;
+        v->extent[d] = b->dim[d].extent;
+        v->stride[d] = b->dim[d].stride;
+    }
+}
+
+static int32_t last(const entry_view *v, int d) { return sub(add(v->min[d], v->extent[d]), 1); }
+
+static int is_query(const entry_view *v) { return v->host == NULL && v->device == 0; }
+
+/* The centre of the mask in one dimension goes through float32 on purpose:
+ * it is what the pipelines compute, so for extents beyond 2^24 both agree
+ * on the rounding rather than on the integer formula. */
+int32_t tm_centre(int32_t extent) {
+    float g = floorf((float)(add(extent, 1) >> 1)) + -1.0f;
+    return (int32_t)g;
+}
+
+/* The coordinates of the source that one element walk reads for the
+ * target coordinates lo .. hi.  An erosion reads x + r, a dilation x - r,
+ * with the offsets r from -c to S-1-c. */
+static void walk_back(int walk, int32_t S, int32_t c, int32_t *lo, int32_t *hi) {
+    int32_t below = walk == WALK_ERODE ? c : sub(sub(S, 1), c);
+    int32_t above = walk == WALK_ERODE ? sub(sub(S, 1), c) : c;
+    *lo = sub(*lo, below);
+    *hi = add(*hi, above);
+}
+
+/* Rewrites a descriptor in the query state with the region the call needs:
+ * r[d] is the first and last coordinate of dimension d; strides are dense. */
+static void answer(halide_buffer_t *b, struct halide_type_t type, int dims, const int32_t r[][2]) {
+    b->device = 0;
+    b->device_interface = NULL;
+    b->host = NULL;
+    b->type = type;
+    b->dimensions = dims;
+    int32_t dense = 1;
+    for (int d = 0; d < dims; d++) {
+        int32_t extent = add(sub(r[d][1], r[d][0]), 1);
+        b->dim[d].min = r[d][0];
+        b->dim[d].extent = extent;
+        b->dim[d].stride = dense;
+        b->dim[d].flags = 0;
+        dense = (int32_t)((uint32_t)dense * (uint32_t)extent);
+    }
+    b->flags = 0;
+}
+
+static uint32_t type_bits(struct halide_type_t t) {
+    uint32_t u;
+    memcpy(&u, &t, sizeof u);
+    return u;
+}
+
+static void join(char *dst, size_t cap, const char *a, const char *b) {
+    size_t n = 0;
+    for (const char *s = a; *s && n + 1 < cap; s++) dst[n++] = *s;
+    for (const char *s = b; *s && n + 1 < cap; s++) dst[n++] = *s;
+    dst[n] = '\0';
+}
+
+/* The pipeline's own view of a descriptor: host storage only, exactly
+ * three (two) dimensions, no flags, and a boolean type as the bytes the
+ * pipeline was compiled for. */
 typedef struct {
     halide_buffer_t buf;
     halide_dimension_t dim[3];
-} tm_copy;
+} pipeline_view;
 
-static void shallow_copy(tm_copy *c, const halide_buffer_t *b, int dims, int as_bytes) {
-    memset(c, 0, sizeof *c);
-    c->buf = *b;
-    memcpy(c->dim, b->dim, (size_t)dims * sizeof(halide_dimension_t));
-    for (int d = 0; d < dims; d++) c->dim[d].flags = 0;
-    c->buf.dim = c->dim;
-    c->buf.dimensions = dims;
-    c->buf.flags = 0;
-    if (as_bytes && c->buf.type.bits == 1) c->buf.type.bits = 8;
+static halide_buffer_t *shallow_copy(pipeline_view *p, const entry_view *v, int dims) {
+    memset(p, 0, sizeof *p);
+    p->buf.host = (uint8_t *)v->host;
+    p->buf.type = v->type;
+    if (p->buf.type.bits == 1) p->buf.type.bits = 8;
+    p->buf.dimensions = dims;
+    p->buf.dim = p->dim;
+    for (int d = 0; d < dims; d++) {
+        p->dim[d].min = v->min[d];
+        p->dim[d].extent = v->extent[d];
+        p->dim[d].stride = v->stride[d];
+    }
+    return &p->buf;
 }
 
 int tm_frame(const tm_entry *e, halide_buffer_t *keyimForType, halide_buffer_t *minmax,
              halide_buffer_t *strel, halide_buffer_t *out) {
-    /* Reverse walking order: the last buffer in alphabetical order first. */
-    halide_buffer_t *walk[4];
-    const char *names[4];
-    if (e->op == TM_IMOPEN || e->op == TM_IMTOPHAT) {
-        halide_buffer_t *w[4] = {keyimForType, minmax, out, strel};
-        const char *n[4] = {"keyimForType", "minmax", e->output, "strel"};
-        if (e->op == TM_IMTOPHAT) { w[2] = strel; w[3] = out; n[2] = "strel"; n[3] = e->output; }
-        memcpy(walk, w, sizeof w);
-        memcpy(names, n, sizeof n);
-    } else {
-        halide_buffer_t *w[4] = {out, keyimForType, minmax, strel};
-        const char *n[4] = {e->output, "keyimForType", "minmax", "strel"};
-        memcpy(walk, w, sizeof w);
-        memcpy(names, n, sizeof n);
-    }
-    for (int i = 3; i >= 0; i--)
-        if (!walk[i]) return halide_error_buffer_argument_is_null(NULL, names[i]);
+    const op_traits *t = &traits[e->op];
+    halide_buffer_t *arg[NARGS] = {keyimForType, minmax, strel, out};
 
-    /* The pipeline of a boolean export reads and writes bytes. */
-    int as_bytes = e->bits == 1;
-    tm_copy im, mm, se, o;
-    shallow_copy(&im, keyimForType, 3, as_bytes);
-    shallow_copy(&mm, minmax, 2, 0);
-    shallow_copy(&se, strel, 3, 0);
-    shallow_copy(&o, out, 3, as_bytes);
-    return tm_run_pipeline(e, &im.buf, &mm.buf, &se.buf, &o.buf);
+    char out_label[64], out_stride[64];
+    join(out_label, sizeof out_label, "Output buffer ", e->output);
+    join(out_stride, sizeof out_stride, e->output, ".stride.0");
+    const char *name[NARGS] = {input_name[IM], input_name[MM], input_name[SE], e->output};
+    const char *label[NARGS] = {input_label[IM], input_label[MM], input_label[SE], out_label};
+    const char *stride_name[NARGS] = {"keyimForType.stride.0", "minmax.stride.0", "strel.stride.0",
+                                      out_stride};
+
+    /* Nothing may be read before every pointer is known good. */
+    for (int i = NARGS - 1; i >= 0; i--)
+        if (!arg[t->order[i]]) return halide_error_buffer_argument_is_null(NULL, name[t->order[i]]);
+
+    /* Everything below is computed from these values, also after a query
+     * has rewritten a descriptor (which may be shared between arguments). */
+    entry_view v[NARGS];
+    for (int a = 0; a < NARGS; a++) read_entry(&v[a], arg[a], arg_dims[a]);
+    const entry_view *im = &v[IM], *se = &v[SE], *o = &v[OUT];
+
+    struct halide_type_t type[NARGS] = {{e->code, e->bits, 1}, {halide_type_float, 64, 1},
+                                        {halide_type_uint, 8, 1}, {e->code, e->bits, 1}};
+
+    /* The required region of every buffer: range[a][d] = first, last. */
+    int32_t range[NARGS][3][2];
+
+    /* The output: on a wide image the last chunk of a row is moved inwards
+     * to end on the row's last sample, so a row narrower than L is written
+     * as L samples ending there. */
+    for (int d = 0; d < 3; d++) range[OUT][d][0] = o->min[d], range[OUT][d][1] = last(o, d);
+    const int32_t L = e->lanes;
+    if (im->extent[0] > L) {
+        range[OUT][0][0] = min32(sub(last(o, 0), L - 1), o->min[0]);
+        range[OUT][0][1] = add(range[OUT][0][0], sub(max32(o->extent[0], L), 1));
+    }
+
+    /* The image: the reach of each stage, walked back from the output as
+     * the caller gave it, last stage first, with opening's intermediate
+     * kept inside its window (from 0, not from the image's min); then
+     * clamped to the image, which is padded beyond it.  A residue reads
+     * the image again at the output's own coordinates, unclamped. */
+    for (int d = 0; d < 3; d++) {
+        int32_t S = se->extent[d], c = tm_centre(S);
+        int32_t lo = o->min[d], hi = last(o, d);
+        for (int s = 1; s >= 0; s--) {
+            if (t->walk[s] == WALK_NONE) continue;
+            walk_back(t->walk[s], S, c, &lo, &hi);
+            if (s == 1 && t->windowed) {
+                int32_t E = im->extent[d == 2 ? t->window_z : d];
+                lo = max32(min32(lo, sub(E, 1)), 0);
+                hi = max32(min32(hi, sub(E, 1)), 0);
+            }
+        }
+        lo = max32(min32(lo, last(im, d)), im->min[d]);
+        hi = max32(min32(hi, last(im, d)), im->min[d]);
+        if (t->residue) {
+            lo = min32(lo, range[OUT][d][0]);
+            hi = max32(hi, last(o, d));
+        }
+        range[IM][d][0] = lo, range[IM][d][1] = hi;
+        range[SE][d][0] = 0, range[SE][d][1] = sub(S, 1);
+    }
+    for (int d = 0; d < 2; d++) {
+        range[MM][d][0] = t->minmax[d][0];
+        range[MM][d][1] = add(t->minmax[d][0], t->minmax[d][1] - 1);
+    }
+
+    /* Answer every buffer in the query state; if there was one, the call
+     * was a query and nothing else happens: no check, no pipeline. */
+    int queried = 0;
+    for (int i = 0; i < NARGS; i++) {
+        int a = t->order[i];
+        if (!is_query(&v[a])) continue;
+        answer(arg[a], type[a], arg_dims[a], (const int32_t(*)[2])range[a]);
+        queried = 1;
+    }
+    if (queried) return 0;
+
+    /* Types. */
+    for (int i = 0; i < NARGS; i++) {
+        int a = t->order[i];
+        struct halide_type_t g = v[a].type, x = type[a];
+        if (g.code != x.code || g.bits != x.bits || g.lanes != x.lanes)
+            return halide_error_bad_type(NULL, label[a], type_bits(g), type_bits(x));
+    }
+
+    /* Regions and extents, dimension by dimension.  Only dimension 0 of the
+     * output can be asked for more than it describes (the widened last
+     * chunk), so that is the one access test of the output. */
+    for (int i = 0; i < NARGS; i++) {
+        int a = t->order[i];
+        const entry_view *b = &v[a];
+        const int access_dims = a == OUT ? 1 : arg_dims[a];
+        for (int d = 0; d < arg_dims[a]; d++) {
+            int32_t lo = range[a][d][0], hi = range[a][d][1];
+            if (d < access_dims && !(b->min[d] <= lo && sub(hi, b->extent[d]) < b->min[d]))
+                return halide_error_access_out_of_bounds(NULL, label[a], d, lo, hi, b->min[d], last(b, d));
+            if (b->extent[d] < 0) return halide_error_buffer_extents_negative(NULL, label[a], d, b->extent[d]);
+        }
+    }
+
+    /* Dimension 0 must be dense. */
+    for (int i = 0; i < NARGS; i++) {
+        int a = t->order[i];
+        if (v[a].stride[0] != 1) return halide_error_constraint_violated(NULL, stride_name[a], v[a].stride[0], "1", 1);
+    }
+
+    /* The span of each outer dimension must be addressable in 64 bits.
+     * With 32-bit fields it always is; the test stays so that the sequence
+     * is the same whatever the field widths. */
+    for (int i = 0; i < NARGS; i++) {
+        int a = t->order[i];
+        for (int d = 1; d < arg_dims[a]; d++) {
+            int64_t span = (int64_t)v[a].extent[d] * (int64_t)v[a].stride[d];
+            uint64_t size = span < 0 ? 0 - (uint64_t)span : (uint64_t)span;
+            if (size > (uint64_t)INT64_MAX)
+                return halide_error_buffer_allocation_too_large(NULL, name[a], size, (uint64_t)INT64_MAX);
+        }
+    }
+
+    /* A null host here has a device handle, and the frame has no way to
+     * bring device data to the host. */
+    for (int i = 0; i < NARGS; i++) {
+        int a = t->order[i];
+        if (!v[a].host) return halide_error_host_is_null(NULL, label[a]);
+    }
+
+    pipeline_view p[NARGS];
+    halide_buffer_t *pb[NARGS];
+    for (int a = 0; a < NARGS; a++) pb[a] = shallow_copy(&p[a], &v[a], arg_dims[a]);
+    return tm_run_pipeline(e, pb[IM], pb[MM], pb[SE], pb[OUT]);
 }
 
 /* The load hook lives in its own object; this reference makes a static

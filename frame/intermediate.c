@@ -5,18 +5,12 @@
  * fifth buffer, fills it in stage 1 and reads it in stage 2. */
 #include "frame.h"
 
-#include <math.h>
 #include <string.h>
 
 static int32_t wrap_add(int32_t a, int32_t b) { return (int32_t)((uint32_t)a + (uint32_t)b); }
 static int32_t wrap_sub(int32_t a, int32_t b) { return (int32_t)((uint32_t)a - (uint32_t)b); }
 static int32_t min32(int32_t a, int32_t b) { return a < b ? a : b; }
 static int32_t max32(int32_t a, int32_t b) { return a > b ? a : b; }
-
-int32_t tm_centre(int32_t extent) {
-    float g = floorf((float)(wrap_add(extent, 1) >> 1)) + -1.0f;
-    return (int32_t)g;
-}
 
 /* The box of the intermediate: origin (x0, lo1, lo2), extents X, Y, Z. */
 typedef struct {

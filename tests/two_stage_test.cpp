@@ -18,13 +18,16 @@ namespace {
 struct AllocLog {
     std::vector<size_t> sizes;
     int frees = 0;
-    bool fail = false;
+    int fail = 0;  // how many of the next allocations fail
 };
 AllocLog g_alloc;
 
 void *logging_malloc(void *, size_t size) {
     g_alloc.sizes.push_back(size);
-    if (g_alloc.fail) return nullptr;
+    if (g_alloc.fail > 0) {
+        g_alloc.fail--;
+        return nullptr;
+    }
     return std::aligned_alloc(32, (size + 31) / 32 * 32);
 }
 void logging_free(void *, void *p) {
@@ -99,12 +102,15 @@ TEST_F(Allocation, FailedAllocationReportsAndWritesNothing) {
         std::mt19937 rng(5);
         c.out.fill_random(rng);
         std::vector<uint8_t> before = c.out.store;
-        g_alloc.fail = true;
+        // Only the intermediate's block fails: the report's own text buffer
+        // comes from the same allocator.
+        g_alloc = AllocLog{};
+        g_alloc.fail = 1;
         halide_messages().clear();
         EXPECT_EQ(c.run(e.fn), -11) << e.name;
         EXPECT_EQ(halide_messages(), "Out of memory (halide_malloc returned NULL)") << e.name;
         EXPECT_EQ(c.out.store, before) << e.name;
-        EXPECT_EQ(g_alloc.frees, 0) << e.name;
+        EXPECT_EQ(g_alloc.frees, 1) << e.name << ": the report's text buffer, and nothing else";
     }
 }
 
@@ -268,8 +274,8 @@ TEST_P(Residue, EdgesOfTheTypeThroughTopHat) {
             ASSERT_EQ(e.fn(&im.b, &mm.b, &se.b, &out.b), 0) << halide_messages();
             uint8_t r_bytes[8];
             tmref::cast_bound(ti.ref, row.r, r_bytes);
-            // Samples at x >= width have every tap outside the window.
-            for (int32_t x = width; x < 10 + extent[0]; x++)
+            // Samples at x >= W have their one tap outside the window.
+            for (int32_t x = std::max(10, extent[0]); x < 10 + extent[0]; x++)
                 EXPECT_EQ(std::memcmp(out.at(x), r_bytes, ti.bytes), 0)
                     << e.name << " R(" << row.a << ", " << row.b << ") at x " << x << " width " << width;
         }
