@@ -1,5 +1,5 @@
 // A short tour of the library: builds a sample volume in memory (a few
-// bright blobs and dark pits on a noisy background), erodes and dilates it
+// bright blobs and dark pits on a noisy background), runs all six operators
 // with a 5 x 5 x 3 ellipsoid at the best level this processor has, and
 // prints what happened: sizes, time, checksums and a small picture of the
 // middle plane before and after.
@@ -86,15 +86,14 @@ const char *best_level() {
 
 int main(int argc, char **argv) {
     const char *level = argc > 1 ? argv[1] : best_level();
-    Entry erode = imerode_uint8_none, dilate = imdilate_uint8_none;
-    if (!std::strcmp(level, "avx")) erode = imerode_uint8_avx, dilate = imdilate_uint8_avx;
-    else if (!std::strcmp(level, "avx2")) erode = imerode_uint8_avx2, dilate = imdilate_uint8_avx2;
-    else if (std::strcmp(level, "none")) {
+    const int li = !std::strcmp(level, "none") ? 0 : !std::strcmp(level, "avx") ? 1 : !std::strcmp(level, "avx2") ? 2 : -1;
+    if (li < 0) {
         std::fprintf(stderr, "usage: %s [none|avx|avx2]\n", argv[0]);
         return 2;
     }
 
-    Volume image(128, 64, 16), eroded(128, 64, 16), dilated(128, 64, 16);
+    Volume image(128, 64, 16), eroded(128, 64, 16), dilated(128, 64, 16), opened(128, 64, 16),
+        closed(128, 64, 16), tophat(128, 64, 16), bothat(128, 64, 16);
     make_sample(image);
 
     // An ellipsoid of 5 x 5 x 3: the taps are the bytes equal to 1.
@@ -131,13 +130,19 @@ int main(int argc, char **argv) {
                 image.data.size(), (unsigned long long)checksum(image));
     std::printf("  element %d x %d x %d ellipsoid, %d taps; level %s\n\n", ex, ey, ez, taps, level);
 
-    struct Run { const char *name; Entry fn; Volume *out; } runs[] = {
-        {"imerode", erode, &eroded}, {"imdilate", dilate, &dilated}};
+    struct Run { const char *name; Entry fn[3]; Volume *out; } runs[] = {
+        {"imerode", {imerode_uint8_none, imerode_uint8_avx, imerode_uint8_avx2}, &eroded},
+        {"imdilate", {imdilate_uint8_none, imdilate_uint8_avx, imdilate_uint8_avx2}, &dilated},
+        {"imopen", {imopen_uint8_none, imopen_uint8_avx, imopen_uint8_avx2}, &opened},
+        {"imclose", {imclose_uint8_none, imclose_uint8_avx, imclose_uint8_avx2}, &closed},
+        {"imtophat", {imtophat_uint8_none, imtophat_uint8_avx, imtophat_uint8_avx2}, &tophat},
+        {"imbothat", {imbothat_uint8_none, imbothat_uint8_avx, imbothat_uint8_avx2}, &bothat}};
     for (auto &r : runs) {
-        int status = r.fn(&image.buf, &mm, &se, &r.out->buf);  // warm-up, and the result shown
+        Entry fn = r.fn[li];
+        int status = fn(&image.buf, &mm, &se, &r.out->buf);  // warm-up, and the result shown
         auto t0 = std::chrono::steady_clock::now();
         const int reps = 10;
-        for (int i = 0; i < reps && status == 0; i++) status = r.fn(&image.buf, &mm, &se, &r.out->buf);
+        for (int i = 0; i < reps && status == 0; i++) status = fn(&image.buf, &mm, &se, &r.out->buf);
         double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count() / reps;
         if (status != 0) {
             std::printf("  %s failed with status %d\n", r.name, status);
@@ -152,5 +157,6 @@ int main(int argc, char **argv) {
     picture("middle plane, image", image);
     picture("middle plane, eroded: small bright spots vanish, pits grow", eroded);
     picture("middle plane, dilated: bright blobs grow, small pits fill", dilated);
+    picture("middle plane, top-hat: what opening removed, the small bright details", tophat);
     return 0;
 }
