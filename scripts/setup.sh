@@ -1,10 +1,15 @@
 #!/usr/bin/env bash
 # Installs everything the build, the tests and the demo need, from Debian's
 # packages.  Safe to run again: when every package is there it does nothing.
+# With TM_BENCH=1 it adds what the benchmarks need (scripts/bench.sh); the
+# library and its tests never need those.
 set -euo pipefail
 
 packages=(cmake ninja-build g++ gcc make binutils pkg-config
           libhalide14-0-dev libtbb-dev googletest libgtest-dev)
+if [ "${TM_BENCH:-0}" = 1 ]; then
+    packages+=(libopencv-dev libbenchmark-dev gnuplot-nox python3)
+fi
 
 missing=()
 for p in "${packages[@]}"; do

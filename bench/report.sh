@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# Runs the benchmarks against OpenCV and writes a short report:
+#   <out>/bench.json   everything Google Benchmark measured
+#   <out>/report.md    medians and ratios (also printed)
+#   <out>/taps.png     time per output sample against the number of taps
+#
+#   bench/report.sh [build dir] [out dir] [more tm_bench flags...]
+#
+# Defaults: build dir ./build, out dir <build dir>/bench-report.  The build
+# needs -DTM_BUILD_BENCH=ON.  TM_BENCH_FILTER picks cases (a regex on names
+# like imerode/uint8/4096x4096/disk5/avx2/threads:2).  The whole suite takes
+# a few minutes on two cores; other load on the machine shows in the figures,
+# so the report says when the load average was high.
+set -euo pipefail
+here="$(cd "$(dirname "$0")" && pwd)"
+build="${1:-$here/../build}"
+out="${2:-$build/bench-report}"
+shift $(( $# < 2 ? $# : 2 ))
+mkdir -p "$out"
+
+"$build/bench/tm_bench" \
+    --benchmark_filter="${TM_BENCH_FILTER:-.}" \
+    --benchmark_min_time=0.1 \
+    --benchmark_repetitions=3 \
+    --benchmark_report_aggregates_only=true \
+    --benchmark_out="$out/bench.json" --benchmark_out_format=json \
+    "$@" >"$out/console.txt" 2>&1 || status=$?
+status=${status:-0}
+# The ratio table tm_bench printed at its end.
+sed -n '/^Median times/,$p' "$out/console.txt"
+echo
+
+python3 "$here/report.py" "$out/bench.json" "$out/report.md" "$out/taps.dat" >/dev/null || status=1
+
+if command -v gnuplot >/dev/null; then
+    series=$(grep -c '^"' "$out/taps.dat" || true)
+    gnuplot <<GP
+set terminal pngcairo size 900,600 noenhanced
+set output "$out/taps.png"
+set title "Erosion, best level, all threads: time per output sample"
+set xlabel "taps of the element"
+set ylabel "ns per output sample"
+set logscale xy
+set grid
+set key top left
+plot for [i=0:$((series - 1))] "$out/taps.dat" index i using 1:2 with linespoints title columnheader(1)
+GP
+    echo "report: $out/report.md, plot: $out/taps.png"
+else
+    echo "report: $out/report.md (gnuplot not found: no plot)"
+fi
+exit "$status"
