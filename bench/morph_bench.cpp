@@ -4,10 +4,11 @@
 // OpenCV's for the same thread count.
 //
 // What runs: every operator of the table below that the library exports,
-// on every image and element of the case table, for uint8 and float32;
-// at the best level the processor has with one thread and with all of
-// them, and at every other level it has with one thread (levels are
-// compared single-threaded, threads at the best level).
+// on every image and element of the case table, for uint8 and float32.
+// Erosion and dilation run at the best level the processor has with one
+// thread and with all of them, and at every other level it has with one
+// thread (levels are compared single-threaded, threads at the best level);
+// the two-stage operators at the best level with all threads.
 //
 //   tm_bench [Google Benchmark flags]   e.g. --benchmark_filter=disk
 //                                            --benchmark_repetitions=3
@@ -48,23 +49,26 @@ const std::map<std::string, EntryFn> &exports() {
 }
 
 // The operators and their OpenCV counterparts.  An operator the library
-// does not export yet is skipped, so each line can be here before its
-// pipeline is.  `reaches`: samples closer to the image's border than this
-// many reaches of the element (per dimension, the larger of c and e - 1 - c)
-// are left out of the check, because the two sides define that border
-// differently; 0 compares every sample.
+// does not export is skipped.  `reaches`: samples closer to the image's
+// border than this many reaches of the element (per dimension, the larger
+// of c and e - 1 - c) are left out of the check, because the two sides
+// define that border differently; 0 compares every sample.  `sweep`: run
+// every level with one thread as well as the best level with one thread and
+// all of them; otherwise only the best level with all threads, which keeps
+// the whole suite to a few minutes.
 struct OperatorRow {
     const char *word;
     PeerFn peer;
     int reaches;
+    bool sweep;
 };
 const OperatorRow kOperators[] = {
-    {"imerode", peer_erode, 0},
-    {"imdilate", peer_dilate, 0},
-    {"imopen", peer_open, 2},
-    {"imclose", peer_close, 2},
-    {"imtophat", peer_tophat, 2},
-    {"imbothat", peer_bothat, 2},
+    {"imerode", peer_erode, 0, true},
+    {"imdilate", peer_dilate, 0, true},
+    {"imopen", peer_open, 2, false},
+    {"imclose", peer_close, 2, false},
+    {"imtophat", peer_tophat, 2, false},
+    {"imbothat", peer_bothat, 2, false},
 };
 
 // Elements.  The disks are the lattice points within radius r of the centre.
@@ -358,8 +362,6 @@ private:
 
 void register_all() {
     const int all = tbb::info::default_concurrency();
-    std::vector<int> thread_counts = {1};
-    if (all > 1) thread_counts.push_back(all);
     const std::string best = best_level();
     for (const CaseRow &row : cases())
         for (Type t : row.types)
@@ -367,26 +369,24 @@ void register_all() {
                 for (const OperatorRow &op : kOperators) {
                     if (!exports().count(std::string(op.word) + "_" + type_word(t) + "_none")) continue;
                     Case c{&op, &row, t, &se};
+                    std::vector<int> thread_counts;
+                    if (op.sweep) thread_counts.push_back(1);
+                    if (all > 1 || !op.sweep) thread_counts.push_back(all);
+                    auto add = [&](const std::string &impl, int n, auto fn, auto... args) {
+                        std::string name = c.key() + "/" + impl + "/threads:" + std::to_string(n);
+                        benchmark::RegisterBenchmark(name.c_str(), fn, c, args...)
+                            ->UseRealTime()
+                            ->Unit(benchmark::kMillisecond);
+                    };
                     for (int n : thread_counts) {
-                        std::string name = c.key() + "/opencv/threads:" + std::to_string(n);
-                        benchmark::RegisterBenchmark(name.c_str(), run_peer, c, n, 1)
-                            ->UseRealTime()
-                            ->Unit(benchmark::kMillisecond);
-                        if (n == 1 || row.d > 1) continue;
-                        name = c.key() + "/opencv-rows/threads:" + std::to_string(n);
-                        benchmark::RegisterBenchmark(name.c_str(), run_peer, c, n, n)
-                            ->UseRealTime()
-                            ->Unit(benchmark::kMillisecond);
+                        add("opencv", n, run_peer, n, 1);
+                        if (n > 1 && row.d == 1) add("opencv-rows", n, run_peer, n, n);
                     }
                     for (const char *level : levels_here())
                         for (int n : thread_counts) {
-                            if (n != 1 && best != level) continue;
+                            if (best != level && (n != 1 || !op.sweep)) continue;
                             auto e = exports().find(std::string(op.word) + "_" + type_word(t) + "_" + level);
-                            if (e == exports().end()) continue;
-                            std::string name = c.key() + "/" + level + "/threads:" + std::to_string(n);
-                            benchmark::RegisterBenchmark(name.c_str(), run_ours, c, e->second, n)
-                                ->UseRealTime()
-                                ->Unit(benchmark::kMillisecond);
+                            if (e != exports().end()) add(level, n, run_ours, e->second, n);
                         }
                 }
 }
