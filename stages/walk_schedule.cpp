@@ -4,20 +4,64 @@ using namespace Halide;
 
 namespace morph {
 
+namespace {
+
+// Accumulators walked side by side in a block, where the walk of one chunk
+// is a chain of dependent minimums or maximums.  Floating minimum and
+// maximum take three to four cycles each, so one chunk's walk waits on its
+// own chain; four chunks at one element position fill that wait, and share
+// one test of the element's byte.  Integer minimum and maximum take one
+// cycle: for them the block would only save the byte test, and that does
+// not pay for the whole blocks that the border regions then test.
+constexpr int kFloatChunks = 4;
+
+// A border block tests all its chunks, not only the one or two that reach
+// outside, and a row has two of them.  With 8 blocks in a row they cost
+// about what the blocks save; from 16 on the block walk is clearly faster.
+constexpr int kMinBlocksPerRow = 16;
+
+}  // namespace
+
 void schedule_stage(Func out, Func walk, const Branch &b) {
     Var x = out.args()[0], y = out.args()[1], z = out.args()[2];
-    Var xo("xo"), xi("xi");
-    // Directives given before specialize() hold in both branches.
+    Var xo("xo"), xi("xi"), xk("xk");
+    const int L = b.lanes;
+    // Directives given before specialize() hold in every branch.
     out.parallel(z).parallel(y);
+
+    // The block branch: blocks of K chunks, the last one moved back inwards
+    // like the last chunk; inside a block the element walk runs once with
+    // the K chunks innermost, so that every chunk still meets the taps in
+    // the walk's own order.  Only where the row holds enough whole blocks.
+    const bool chained = walk.output_types()[0].is_float();
+    const int K = kFloatChunks;
+    Expr blocks = b.wide && out.output_buffer().dim(0).extent() >= kMinBlocksPerRow * K * L;
+    if (chained) {
+        out.specialize(blocks)
+            .split(x, xo, xi, K * L, TailStrategy::ShiftInwards)
+            .split(xi, xk, xi, L)
+            .vectorize(xi)
+            .unroll(xk);
+    }
     out.specialize(b.wide)
-        .split(x, xo, xi, b.lanes, TailStrategy::ShiftInwards)
+        .split(x, xo, xi, L, TailStrategy::ShiftInwards)
         .vectorize(xi);
     out.split(x, xo, xi, 1);
 
     walk.compute_at(out, xo);
-    Var wx = walk.args()[0];
-    walk.specialize(b.wide).vectorize(wx, b.lanes);
-    walk.update().specialize(b.wide).vectorize(wx, b.lanes);
+    Var wx = walk.args()[0], wk("wk");
+    if (chained) {
+        std::vector<RVar> r = walk.rvars(0);
+        walk.specialize(blocks).split(wx, wk, wx, L).vectorize(wx).unroll(wk);
+        walk.update()
+            .specialize(blocks)
+            .split(wx, wk, wx, L)
+            .vectorize(wx)
+            .unroll(wk)
+            .reorder(wx, wk, r[0], r[1], r[2]);
+    }
+    walk.specialize(b.wide).vectorize(wx, L);
+    walk.update().specialize(b.wide).vectorize(wx, L);
 }
 
 }  // namespace morph
