@@ -54,10 +54,6 @@ static const char *const input_label[NARGS] = {"Input buffer keyimForType", "Inp
                                                "Input buffer strel", NULL};
 
 /* Wrapping 32-bit sums. */
-static int32_t add(int32_t a, int32_t b) { return (int32_t)((uint32_t)a + (uint32_t)b); }
-static int32_t sub(int32_t a, int32_t b) { return (int32_t)((uint32_t)a - (uint32_t)b); }
-static int32_t min32(int32_t a, int32_t b) { return a < b ? a : b; }
-static int32_t max32(int32_t a, int32_t b) { return a > b ? a : b; }
 
 /* What the frame reads of one descriptor, once, at entry. */
 typedef struct {
@@ -78,7 +74,7 @@ static void read_entry(entry_view *v, const halide_buffer_t *b, int dims) {
     }
 }
 
-static int32_t last(const entry_view *v, int d) { return sub(add(v->min[d], v->extent[d]), 1); }
+static int32_t last(const entry_view *v, int d) { return tm_sub(tm_add(v->min[d], v->extent[d]), 1); }
 
 static int is_query(const entry_view *v) { return v->host == NULL && v->device == 0; }
 
@@ -86,7 +82,7 @@ static int is_query(const entry_view *v) { return v->host == NULL && v->device =
  * it is what the pipelines compute, so for extents beyond 2^24 both agree
  * on the rounding rather than on the integer formula. */
 int32_t tm_centre(int32_t extent) {
-    float g = floorf((float)(add(extent, 1) >> 1)) + -1.0f;
+    float g = floorf((float)(tm_add(extent, 1) >> 1)) + -1.0f;
     return (int32_t)g;
 }
 
@@ -94,10 +90,10 @@ int32_t tm_centre(int32_t extent) {
  * target coordinates lo .. hi.  An erosion reads x + r, a dilation x - r,
  * with the offsets r from -c to S-1-c. */
 static void walk_back(int walk, int32_t S, int32_t c, int32_t *lo, int32_t *hi) {
-    int32_t below = walk == WALK_ERODE ? c : sub(sub(S, 1), c);
-    int32_t above = walk == WALK_ERODE ? sub(sub(S, 1), c) : c;
-    *lo = sub(*lo, below);
-    *hi = add(*hi, above);
+    int32_t below = walk == WALK_ERODE ? c : tm_sub(tm_sub(S, 1), c);
+    int32_t above = walk == WALK_ERODE ? tm_sub(tm_sub(S, 1), c) : c;
+    *lo = tm_sub(*lo, below);
+    *hi = tm_add(*hi, above);
 }
 
 /* Rewrites a descriptor in the query state with the region the call needs:
@@ -110,7 +106,7 @@ static void answer(halide_buffer_t *b, struct halide_type_t type, int dims, cons
     b->dimensions = dims;
     int32_t dense = 1;
     for (int d = 0; d < dims; d++) {
-        int32_t extent = add(sub(r[d][1], r[d][0]), 1);
+        int32_t extent = tm_add(tm_sub(r[d][1], r[d][0]), 1);
         b->dim[d].min = r[d][0];
         b->dim[d].extent = extent;
         b->dim[d].stride = dense;
@@ -191,8 +187,8 @@ int tm_frame(const tm_entry *e, halide_buffer_t *keyimForType, halide_buffer_t *
     for (int d = 0; d < 3; d++) range[OUT][d][0] = o->min[d], range[OUT][d][1] = last(o, d);
     const int32_t L = e->lanes;
     if (im->extent[0] > L) {
-        range[OUT][0][0] = min32(sub(last(o, 0), L - 1), o->min[0]);
-        range[OUT][0][1] = add(range[OUT][0][0], sub(max32(o->extent[0], L), 1));
+        range[OUT][0][0] = tm_min(tm_sub(last(o, 0), L - 1), o->min[0]);
+        range[OUT][0][1] = tm_add(range[OUT][0][0], tm_sub(tm_max(o->extent[0], L), 1));
     }
 
     /* The image: the reach of each stage, walked back from the output as
@@ -208,22 +204,22 @@ int tm_frame(const tm_entry *e, halide_buffer_t *keyimForType, halide_buffer_t *
             walk_back(t->walk[s], S, c, &lo, &hi);
             if (s == 1 && t->windowed) {
                 int32_t E = im->extent[d == 2 ? t->window_z : d];
-                lo = max32(min32(lo, sub(E, 1)), 0);
-                hi = max32(min32(hi, sub(E, 1)), 0);
+                lo = tm_max(tm_min(lo, tm_sub(E, 1)), 0);
+                hi = tm_max(tm_min(hi, tm_sub(E, 1)), 0);
             }
         }
-        lo = max32(min32(lo, last(im, d)), im->min[d]);
-        hi = max32(min32(hi, last(im, d)), im->min[d]);
+        lo = tm_max(tm_min(lo, last(im, d)), im->min[d]);
+        hi = tm_max(tm_min(hi, last(im, d)), im->min[d]);
         if (t->residue) {
-            lo = min32(lo, range[OUT][d][0]);
-            hi = max32(hi, last(o, d));
+            lo = tm_min(lo, range[OUT][d][0]);
+            hi = tm_max(hi, last(o, d));
         }
         range[IM][d][0] = lo, range[IM][d][1] = hi;
-        range[SE][d][0] = 0, range[SE][d][1] = sub(S, 1);
+        range[SE][d][0] = 0, range[SE][d][1] = tm_sub(S, 1);
     }
     for (int d = 0; d < 2; d++) {
         range[MM][d][0] = t->minmax[d][0];
-        range[MM][d][1] = add(t->minmax[d][0], t->minmax[d][1] - 1);
+        range[MM][d][1] = tm_add(t->minmax[d][0], t->minmax[d][1] - 1);
     }
 
     /* Answer every buffer in the query state; if there was one, the call
@@ -254,7 +250,7 @@ int tm_frame(const tm_entry *e, halide_buffer_t *keyimForType, halide_buffer_t *
         const int access_dims = a == OUT ? 1 : arg_dims[a];
         for (int d = 0; d < arg_dims[a]; d++) {
             int32_t lo = range[a][d][0], hi = range[a][d][1];
-            if (d < access_dims && !(b->min[d] <= lo && sub(hi, b->extent[d]) < b->min[d]))
+            if (d < access_dims && !(b->min[d] <= lo && tm_sub(hi, b->extent[d]) < b->min[d]))
                 return halide_error_access_out_of_bounds(NULL, label[a], d, lo, hi, b->min[d], last(b, d));
             if (b->extent[d] < 0) return halide_error_buffer_extents_negative(NULL, label[a], d, b->extent[d]);
         }

@@ -40,6 +40,13 @@ typedef struct {
     const char *stage;        /* name of the intermediate stage, or NULL */
 } tm_entry;
 
+/* Coordinate sums wrap as 32-bit arithmetic does; done unsigned so that
+ * C never sees a signed overflow. */
+static inline int32_t tm_add(int32_t a, int32_t b) { return (int32_t)((uint32_t)a + (uint32_t)b); }
+static inline int32_t tm_sub(int32_t a, int32_t b) { return (int32_t)((uint32_t)a - (uint32_t)b); }
+static inline int32_t tm_min(int32_t a, int32_t b) { return a < b ? a : b; }
+static inline int32_t tm_max(int32_t a, int32_t b) { return a > b ? a : b; }
+
 /* The centre of the structuring element in one dimension, through float32:
  * beyond 2^24 the rounding of that conversion is part of the result. */
 int32_t tm_centre(int32_t extent);

@@ -7,10 +7,6 @@
 
 #include <string.h>
 
-static int32_t wrap_add(int32_t a, int32_t b) { return (int32_t)((uint32_t)a + (uint32_t)b); }
-static int32_t wrap_sub(int32_t a, int32_t b) { return (int32_t)((uint32_t)a - (uint32_t)b); }
-static int32_t min32(int32_t a, int32_t b) { return a < b ? a : b; }
-static int32_t max32(int32_t a, int32_t b) { return a > b ? a : b; }
 
 /* The box of the intermediate: origin (x0, lo1, lo2), extents X, Y, Z. */
 typedef struct {
@@ -30,20 +26,20 @@ static tm_box intermediate_box(const tm_entry *e, const halide_buffer_t *im, con
              * dimension 2 is the image's extent in dimension 1 for imopen,
              * in dimension 2 for imtophat. */
             const int32_t bound = d < 2 ? im->dim[d].extent : im->dim[e->op == TM_IMOPEN ? 1 : 2].extent;
-            const int32_t lo = max32(min32(wrap_sub(wrap_add(wrap_add(o, c), 1), ext), wrap_sub(bound, 1)), 0);
-            const int32_t hi = max32(wrap_sub(min32(wrap_add(wrap_add(o, n), c), bound), 1), 0);
+            const int32_t lo = tm_max(tm_min(tm_sub(tm_add(tm_add(o, c), 1), ext), tm_sub(bound, 1)), 0);
+            const int32_t hi = tm_max(tm_sub(tm_min(tm_add(tm_add(o, n), c), bound), 1), 0);
             b.min[d] = lo;
-            b.extent[d] = wrap_add(wrap_sub(hi, lo), 1);
+            b.extent[d] = tm_add(tm_sub(hi, lo), 1);
         } else {
             /* Unclipped: the output's reach in every dimension. */
-            b.min[d] = wrap_sub(o, c);
-            b.extent[d] = wrap_sub(wrap_add(n, ext), 1);
+            b.min[d] = tm_sub(o, c);
+            b.extent[d] = tm_sub(tm_add(n, ext), 1);
         }
     }
     /* In the wide branch stage 1 runs in whole chunks: a range shorter than
      * one chunk starts lower so that one chunk ends on its last sample. */
     if (wide && b.extent[0] < e->lanes) {
-        b.min[0] = wrap_sub(wrap_add(b.min[0], b.extent[0]), e->lanes);
+        b.min[0] = tm_sub(tm_add(b.min[0], b.extent[0]), e->lanes);
         b.extent[0] = e->lanes;
     }
     return b;
@@ -73,7 +69,7 @@ int tm_run_pipeline(const tm_entry *e, halide_buffer_t *im, halide_buffer_t *mm,
         /* A range that is empty in some dimension (an empty output and an
          * element of extent 0 there) has nothing to compute; the size above
          * took it as the unsigned value it is. */
-        dim[d].extent = max32(box.extent[d], 0);
+        dim[d].extent = tm_max(box.extent[d], 0);
         dim[d].stride = stride;
         dim[d].flags = 0;
         stride = (int32_t)((uint32_t)stride * (uint32_t)dim[d].extent);
