@@ -53,15 +53,7 @@ static const char *const input_name[NARGS] = {"keyimForType", "minmax", "strel",
 static const char *const input_label[NARGS] = {"Input buffer keyimForType", "Input buffer minmax",
                                                "Input buffer strel", NULL};
 
-/* Wrapping 32-bit sums. */
-
-/* What the frame reads of one descriptor, once, at entry. */
-typedef struct {
-    void *host;
-    uint64_t device;
-    struct halide_type_t type;
-    int32_t min[3], extent[3], stride[3];
-} entry_view;
+typedef tm_view entry_view;
 
 static void read_entry(entry_view *v, const halide_buffer_t *b, int dims) {
     v->host = b->host;
@@ -127,29 +119,6 @@ static void join(char *dst, size_t cap, const char *a, const char *b) {
     for (const char *s = a; *s && n + 1 < cap; s++) dst[n++] = *s;
     for (const char *s = b; *s && n + 1 < cap; s++) dst[n++] = *s;
     dst[n] = '\0';
-}
-
-/* The pipeline's own view of a descriptor: host storage only, exactly
- * three (two) dimensions, no flags, and a boolean type as the bytes the
- * pipeline was compiled for. */
-typedef struct {
-    halide_buffer_t buf;
-    halide_dimension_t dim[3];
-} pipeline_view;
-
-static halide_buffer_t *shallow_copy(pipeline_view *p, const entry_view *v, int dims) {
-    memset(p, 0, sizeof *p);
-    p->buf.host = (uint8_t *)v->host;
-    p->buf.type = v->type;
-    if (p->buf.type.bits == 1) p->buf.type.bits = 8;
-    p->buf.dimensions = dims;
-    p->buf.dim = p->dim;
-    for (int d = 0; d < dims; d++) {
-        p->dim[d].min = v->min[d];
-        p->dim[d].extent = v->extent[d];
-        p->dim[d].stride = v->stride[d];
-    }
-    return &p->buf;
 }
 
 int tm_frame(const tm_entry *e, halide_buffer_t *keyimForType, halide_buffer_t *minmax,
@@ -282,10 +251,7 @@ int tm_frame(const tm_entry *e, halide_buffer_t *keyimForType, halide_buffer_t *
         if (!v[a].host) return halide_error_host_is_null(NULL, label[a]);
     }
 
-    pipeline_view p[NARGS];
-    halide_buffer_t *pb[NARGS];
-    for (int a = 0; a < NARGS; a++) pb[a] = shallow_copy(&p[a], &v[a], arg_dims[a]);
-    return tm_run_pipeline(e, pb[IM], pb[MM], pb[SE], pb[OUT]);
+    return tm_run_pipeline(e, v);
 }
 
 /* The load hook lives in its own object; this reference makes a static

@@ -11,11 +11,18 @@
 extern "C" {
 #endif
 
-typedef int (*tm_pipeline_fn)(halide_buffer_t *keyimForType, halide_buffer_t *minmax,
-                              halide_buffer_t *strel, halide_buffer_t *out);
-/* A two-stage pipeline also takes its intermediate, named after its stage. */
-typedef int (*tm_staged_fn)(halide_buffer_t *keyimForType, halide_buffer_t *minmax,
-                            halide_buffer_t *strel, halide_buffer_t *out, halide_buffer_t *stage);
+/* One run of a pipeline as the frame hands it over: the descriptors in the
+ * pipeline's own coordinates (see plan.c), the intermediate of a two-stage
+ * operator (NULL otherwise), and what the frame decided for the call. */
+typedef struct {
+    halide_buffer_t *keyimForType, *minmax, *strel, *out, *stage;
+    int wide;  /* the image is wider than L: rows are cut into chunks */
+    /* Opening's window, in the pipeline's coordinates; may be empty. */
+    int32_t window_min[3], window_extent[3];
+} tm_call;
+
+/* Each export's adapter from a tm_call to its compiled pipeline. */
+typedef int (*tm_run_fn)(const tm_call *c);
 
 typedef enum {
     TM_IMERODE,
@@ -35,10 +42,17 @@ typedef struct {
     uint8_t bits;
     int32_t bytes;       /* storage of one element */
     int32_t lanes;       /* L */
-    tm_pipeline_fn pipeline;  /* one-stage operators */
-    tm_staged_fn staged;      /* two-stage operators */
-    const char *stage;        /* name of the intermediate stage, or NULL */
+    tm_run_fn run;
+    const char *stage;  /* name of the intermediate stage, or NULL */
 } tm_entry;
+
+/* What the frame reads of one descriptor, once, at entry. */
+typedef struct {
+    void *host;
+    uint64_t device;
+    struct halide_type_t type;
+    int32_t min[3], extent[3], stride[3];
+} tm_view;
 
 /* Coordinate sums wrap as 32-bit arithmetic does; done unsigned so that
  * C never sees a signed overflow. */
@@ -52,9 +66,9 @@ static inline int32_t tm_max(int32_t a, int32_t b) { return a > b ? a : b; }
 int32_t tm_centre(int32_t extent);
 
 /* Runs the entry's pipeline on descriptors that passed every check (for a
- * two-stage operator: sizes, allocates and releases the intermediate). */
-int tm_run_pipeline(const tm_entry *e, halide_buffer_t *keyimForType, halide_buffer_t *minmax,
-                    halide_buffer_t *strel, halide_buffer_t *out);
+ * two-stage operator: sizes, allocates and releases the intermediate).
+ * The views are indexed image, minmax, strel, output. */
+int tm_run_pipeline(const tm_entry *e, const tm_view v[4]);
 
 int tm_frame(const tm_entry *e, halide_buffer_t *keyimForType, halide_buffer_t *minmax,
              halide_buffer_t *strel, halide_buffer_t *out);

@@ -8,6 +8,13 @@
 // stage: the entry point sizes, allocates and frees it (one block of the
 // box plus one element), and the pipeline fills it in stage 1 and reads it
 // in stage 2.
+//
+// The entry point also hands over what it decided for the call, so that
+// the pipeline never decides it again on its own: the branch (`wide`) and
+// opening's window.  It calls the pipeline in coordinates of its own
+// choosing, in which no sum the pipeline forms can leave 32 bits; that is
+// why nothing here derives a decision from the image's descriptor, which
+// the entry point may have cut to the samples the call can read.
 #include "Halide.h"
 
 #include "../pipelines/operators.h"
@@ -28,6 +35,11 @@ public:
     typename Base::template Input<Buffer<>> keyimForType{"keyimForType", 3};
     typename Base::template Input<Buffer<double>> minmax{"minmax", 2};
     typename Base::template Input<Buffer<uint8_t>> strel{"strel", 3};
+    typename Base::template Input<bool> wide{"wide"};
+    typename Base::template Input<int32_t> window_min_0{"window_min_0"}, window_min_1{"window_min_1"},
+        window_min_2{"window_min_2"};
+    typename Base::template Input<int32_t> window_extent_0{"window_extent_0"},
+        window_extent_1{"window_extent_1"}, window_extent_2{"window_extent_2"};
     typename Base::template Output<Buffer<>> out{output_name(), 3};
 
     static const char *output_name() {
@@ -46,7 +58,7 @@ public:
         Sources s;
         s.el = Element{keyimForType.type(), boolean};
         const int lanes = this->natural_vector_size(s.el.storage);
-        s.branch = Branch{keyimForType.dim(0).extent() > lanes, lanes};
+        s.branch = Branch{wide, lanes};
         // Only the baseline level's vector loop converts uint32 by halves.
         const Target t = this->get_target();
         s.halves = t.has_feature(Target::SSE41) ? Expr(false) : s.branch.wide;
@@ -57,6 +69,9 @@ public:
             s.im_min[d] = keyimForType.dim(d).min();
             s.im_extent[d] = keyimForType.dim(d).extent();
         }
+        s.window_min[0] = window_min_0, s.window_min[1] = window_min_1, s.window_min[2] = window_min_2;
+        s.window_extent[0] = window_extent_0, s.window_extent[1] = window_extent_1,
+        s.window_extent[2] = window_extent_2;
         s.se = make_strel(strel, se_extent);
         s.image = keyimForType;
         s.lower = minmax(0, 0);

@@ -35,14 +35,13 @@ Func stored_stage(Walk w, const Sources &s, const Expr &pad, Func stage) {
     return stage;
 }
 
-// Opening's window starts at 0 whatever the image's mins are; its bound in
-// dimension 2 is the image's extent in dimension 1 for imopen and in
-// dimension 2 for imtophat.  Both are kept as they are.
-Func opening_walk(const Sources &s, const Expr &plane_bound, Func stage) {
+// Opening's window comes from the entry point, which places it (from 0,
+// whatever the image's mins, and bounded in dimension 2 by the image's
+// extent in dimension 1 for imopen, in dimension 2 for imtophat) and cuts
+// it to the intermediate's box.
+Func opening_walk(const Sources &s, Func stage) {
     Func imerode = stored_stage(Walk::Erode, s, pad_cast(s.upper, s.el), stage);
-    Expr zero[3] = {0, 0, 0};
-    Expr window[3] = {s.im_extent[0], s.im_extent[1], plane_bound};
-    Func q = padded(imerode, zero, window, pad_cast(s.lower, s.el), "window");
+    Func q = padded(imerode, s.window_min, s.window_extent, pad_cast(s.lower, s.el), "window", true);
     return element_walk(Walk::Dilate, q, s.se, s.el, "imdilate", output_vars());
 }
 
@@ -66,8 +65,8 @@ void build(Op op, const Sources &s, Func out, Func stage) {
     case Op::Dilate:
         acc = element_walk(Walk::Dilate, padded_image(s, pad_cast(s.lower, s.el)), s.se, s.el, "imdilate", xyz);
         break;
-    case Op::Open: acc = opening_walk(s, s.im_extent[1], stage); break;
-    case Op::TopHat: acc = opening_walk(s, s.im_extent[2], stage); break;
+    case Op::Open:
+    case Op::TopHat: acc = opening_walk(s, stage); break;
     case Op::Close:
     case Op::BotHat: acc = closing_walk(s, stage); break;
     }

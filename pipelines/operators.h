@@ -15,12 +15,14 @@ namespace morph {
 enum class Op { Erode, Dilate, Open, Close, TopHat, BotHat };
 
 // What every pipeline is built from: the image as a Func with its domain,
-// the two pad bounds as read from `minmax`, the element, the type and the
-// branch.
+// the two pad bounds as read from `minmax`, the element, the type, and what
+// the entry point decided: the branch and opening's window.
 struct Sources {
     Halide::Func image;  // keyimForType, as stored
     Halide::Expr im_min[3], im_extent[3];
     Halide::Expr lower, upper;  // minmax(0, 0) and minmax(1, 0)
+    // Opening's window in the pipeline's coordinates; it may be empty.
+    Halide::Expr window_min[3], window_extent[3];
     Strel se;
     Element el;
     Branch branch;

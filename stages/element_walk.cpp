@@ -68,7 +68,7 @@ Func image_samples(const Func &image, const Element &el) {
 }
 
 Func padded(const Func &source, const Expr mins[3], const Expr extents[3], const Expr &pad,
-            const std::string &name) {
+            const std::string &name, bool may_be_empty) {
     Var u("u"), v("v"), w("w");
     Expr coord[3] = {u, v, w};
     Expr outside = Internal::const_false();
@@ -77,7 +77,10 @@ Func padded(const Func &source, const Expr mins[3], const Expr extents[3], const
         Expr max = mins[d] + extents[d] - 1;
         // Clamp to the high end first, then to the low end; the `likely`
         // lets loop partitioning find the region where no test can fire.
-        clamped[d] = clamp(likely(coord[d]), mins[d], max);
+        // An empty domain (opening's window can be) reads its first
+        // coordinate, which the entry point keeps inside the source, and
+        // every read is then replaced by the pad value.
+        clamped[d] = clamp(likely(coord[d]), mins[d], may_be_empty ? Halide::max(max, mins[d]) : max);
         outside = outside || coord[d] < mins[d] || coord[d] > max;
     }
     Func p(name);

@@ -55,10 +55,11 @@ Halide::Func image_samples(const Halide::Func &image, const Element &el);
 
 // The padded source: the source's value inside [min, min + extent) in every
 // dimension, `pad` anywhere else.  Reads are clamped into the domain so that
-// no lane ever leaves it, whatever is then discarded.
+// no lane ever leaves it, whatever is then discarded.  A domain that may be
+// empty is read at its min, which must then lie inside the source.
 Halide::Func padded(const Halide::Func &source, const Halide::Expr mins[3],
                     const Halide::Expr extents[3], const Halide::Expr &pad,
-                    const std::string &name);
+                    const std::string &name, bool may_be_empty = false);
 
 // One accumulator step.  For floating types the accumulator survives only
 // a comparison that is true, so a NaN or an equal sample replaces it and the

@@ -79,10 +79,10 @@ struct StubRecord {
     halide_buffer_t *ptr[4]{};
     halide_buffer_t buf[4]{};
     halide_dimension_t dim[4][3]{};
+    tm_call call{};
 };
 StubRecord &stub();
-extern "C" int tm_test_stub_pipeline(halide_buffer_t *im, halide_buffer_t *mm, halide_buffer_t *se,
-                                     halide_buffer_t *out);
+extern "C" int tm_test_stub_pipeline(const tm_call *c);
 
 // The four buffers of one call.
 struct Call {

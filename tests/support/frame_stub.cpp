@@ -10,10 +10,10 @@ StubRecord &stub() {
     return r;
 }
 
-extern "C" int tm_test_stub_pipeline(halide_buffer_t *im, halide_buffer_t *mm, halide_buffer_t *se,
-                                     halide_buffer_t *out) {
+extern "C" int tm_test_stub_pipeline(const tm_call *c) {
     StubRecord &r = stub();
-    halide_buffer_t *args[4] = {im, mm, se, out};
+    r.call = *c;
+    halide_buffer_t *args[4] = {c->keyimForType, c->minmax, c->strel, c->out};
     for (int a = 0; a < 4; a++) {
         r.ptr[a] = args[a];
         r.buf[a] = *args[a];
@@ -25,8 +25,9 @@ extern "C" int tm_test_stub_pipeline(halide_buffer_t *im, halide_buffer_t *mm, h
 
 int invoke(const Target &t, Call &c) {
     if (t.real) return t.real(c.arg[IM], c.arg[MM], c.arg[SE], c.arg[OUT]);
-    const tm_entry e = {t.op,        t.output, uint8_t(t.type.code), uint8_t(t.type.bits), t.type.bytes,
-                        t.lanes,     tm_test_stub_pipeline};
+    static const char *const stages[] = {nullptr, nullptr, "imerode", "imdilate", "imerode", "imdilate"};
+    const tm_entry e = {t.op,    t.output,           uint8_t(t.type.code), uint8_t(t.type.bits), t.type.bytes,
+                        t.lanes, tm_test_stub_pipeline, stages[t.op]};
     return tm_frame(&e, c.arg[IM], c.arg[MM], c.arg[SE], c.arg[OUT]);
 }
 
