@@ -43,13 +43,6 @@ TEST(Easy, FindsEveryExportAndNothingElse) {
     EXPECT_EQ(tme_entry(TME_imerode, TME_uint8, TME_LEVEL_COUNT), nullptr);
 }
 
-TEST(Easy, BestLevelIsOneTheProcessorHas) {
-    EXPECT_TRUE(tme_cpu_has(TME_none));
-    EXPECT_TRUE(tme_cpu_has(tme_best_level()));
-    EXPECT_FALSE(tme_cpu_has(TME_LEVEL_COUNT));
-    for (int l = tme_best_level() + 1; l < TME_LEVEL_COUNT; l++) EXPECT_FALSE(tme_cpu_has(tme_level(l)));
-}
-
 struct Dim {
     int32_t min, extent, stride;
 };
