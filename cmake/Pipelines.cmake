@@ -99,7 +99,47 @@ endforeach ()
 string(APPEND _version "  local:\n    *;\n};\n")
 
 set(TM_PROTOTYPES "${_prototypes}")
+
+# The list again, as X-macros of the chief header, for callers that cover
+# every export (the header-only companion among them).
+function(tm_list_macro var name)
+    list(JOIN ARGN " \\\n    " body)
+    set(${var} "${${var}}#define ${name}(X) \\\n    ${body}\n" PARENT_SCOPE)
+endfunction()
+set(_x_ops "")
+set(_x_types "")
+set(_x_levels "")
+set(_x_entries "")
+foreach (op IN LISTS TM_OPERATORS)
+    list(APPEND _x_ops "X(${op}, ${TM_OUTPUT_${op}})")
+endforeach ()
+foreach (t IN LISTS TM_TYPES)
+    list(JOIN TM_TYPE_${t} ", " _fields)
+    list(APPEND _x_types "X(${t}, ${_fields})")
+endforeach ()
+foreach (l IN LISTS TM_LEVELS)
+    list(APPEND _x_levels "X(${l})")
+endforeach ()
+foreach (op IN LISTS TM_OPERATORS)
+    foreach (t IN LISTS TM_TYPES)
+        foreach (l IN LISTS TM_LEVELS)
+            list(APPEND _x_entries "X(${op}, ${t}, ${l})")
+        endforeach ()
+    endforeach ()
+endforeach ()
+set(TM_LIST_MACROS "")
+tm_list_macro(TM_LIST_MACROS TESSMORPHOP3_HALIDE_OPERATORS ${_x_ops})
+tm_list_macro(TM_LIST_MACROS TESSMORPHOP3_HALIDE_TYPES ${_x_types})
+tm_list_macro(TM_LIST_MACROS TESSMORPHOP3_HALIDE_LEVELS ${_x_levels})
+tm_list_macro(TM_LIST_MACROS TESSMORPHOP3_HALIDE_ENTRIES ${_x_entries})
 configure_file(include/tessmorphop3_halide.h.in "${TM_GEN_DIR}/include/tessmorphop3_halide.h" @ONLY)
+
+# The chief header includes its own copy of the runtime header (the
+# descriptor types), kept under a folder of ours so that it cannot be taken
+# for an installed Halide's; callers then need no Halide include directory.
+get_target_property(_tm_runtime_dirs Halide::Runtime INTERFACE_INCLUDE_DIRECTORIES)
+find_file(TM_HALIDE_RUNTIME_HEADER HalideRuntime.h PATHS ${_tm_runtime_dirs} NO_DEFAULT_PATH REQUIRED)
+configure_file("${TM_HALIDE_RUNTIME_HEADER}" "${TM_GEN_DIR}/include/tessmorphop3_halide/HalideRuntime.h" COPYONLY)
 file(CONFIGURE OUTPUT "${TM_GEN_DIR}/exports.c" CONTENT "${_exports_c}" @ONLY)
 file(CONFIGURE OUTPUT "${TM_GEN_DIR}/exports.map" CONTENT "${_version}" @ONLY)
 file(CONFIGURE OUTPUT "${TM_GEN_DIR}/entries.inc" CONTENT "${_entries}" @ONLY)
@@ -122,8 +162,11 @@ target_link_options(tessmorphop3_halide PRIVATE
                     "-Wl,--version-script=${TM_GEN_DIR}/exports.map" "-Wl,--exclude-libs,ALL"
                     "-Wl,--no-undefined")
 set_property(TARGET tessmorphop3_halide APPEND PROPERTY LINK_DEPENDS "${TM_GEN_DIR}/exports.map")
-target_include_directories(tessmorphop3_halide INTERFACE "${TM_GEN_DIR}/include")
-target_link_libraries(tessmorphop3_halide INTERFACE Halide::Runtime)
+# Installed, the headers are found through the package's include directory
+# (cmake/Install.cmake); in the build tree, the generated and the written ones.
+target_include_directories(tessmorphop3_halide INTERFACE
+                           "$<BUILD_INTERFACE:${TM_GEN_DIR}/include;${TM_ROOT}/include>")
+target_link_libraries(tessmorphop3_halide INTERFACE $<BUILD_INTERFACE:Halide::Runtime>)
 
 # The same objects as an archive, for tests that install a returning error
 # handler or a failing allocator in the runtime.

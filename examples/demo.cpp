@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "tessmorphop3_halide.h"
+#include "tessmorphop3_halide_easy.h"
 
 namespace {
 
@@ -75,11 +75,14 @@ void picture(const char *title, Volume &v) {
     }
 }
 
+// The companion header knows what each level needs of the processor.
 const char *best_level() {
-    __builtin_cpu_init();
-    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("sse4.1")) return "avx2";
-    if (__builtin_cpu_supports("avx") && __builtin_cpu_supports("sse4.1")) return "avx";
-    return "none";
+    static const char *const words[] = {
+#define TME_X(word) #word,
+        TESSMORPHOP3_HALIDE_LEVELS(TME_X)
+#undef TME_X
+    };
+    return words[tme_best_level()];
 }
 
 }  // namespace
