@@ -188,10 +188,13 @@ struct Sampled {
         }
         return true;
     }
+    // A sample's place counts from the min as a wrapping 32-bit difference:
+    // an output whose coordinates run past 2^31 - 1 into -2^31 is still
+    // stored in order.
     char *addr(int32_t u, int32_t w1, int32_t w2) const {
-        int64_t off = (static_cast<int64_t>(u) - v.min[0]) * v.stride[0] +
-                      (static_cast<int64_t>(w1) - v.min[1]) * v.stride[1] +
-                      (static_cast<int64_t>(w2) - v.min[2]) * v.stride[2];
+        int64_t off = int64_t(uint32_t(sub32(u, v.min[0]))) * v.stride[0] +
+                      int64_t(uint32_t(sub32(w1, v.min[1]))) * v.stride[1] +
+                      int64_t(uint32_t(sub32(w2, v.min[2]))) * v.stride[2];
         return static_cast<char *>(v.host) + off * static_cast<int64_t>(es);
     }
 };
