@@ -289,6 +289,9 @@ static int make_plan(const tm_entry *e, const tm_view *v, plan *p) {
     return 0;
 }
 
+/* The caller's coordinate of q in dimension d (before wrapping). */
+static int64_t o_true(const tm_view *v, int d, int64_t q) { return (int64_t)v[OUT].min[d] + q; }
+
 static void describe(halide_buffer_t *b, halide_dimension_t *dim, void *host, struct halide_type_t t,
                      int dims) {
     memset(b, 0, sizeof *b);
@@ -375,15 +378,20 @@ int tm_run_pipeline(const tm_entry *e, const tm_view v[4]) {
     call.out = &ob;
 
     if (e->stage) {
-        /* Dense rows and planes.  A plane of more than 2^31 samples has no
-         * 32-bit stride; it is only allowed when there is one plane, whose
-         * stride is never used. */
+        /* Dense rows and planes. */
         int64_t stride = 1;
         for (int d = 0; d < 3; d++) {
             const span s = p.stage[d];
-            stdim[d] = (halide_dimension_t){(int32_t)(s.lo - p.shift[d]), (int32_t)(s.hi - s.lo + 1),
+            const int64_t n = s.hi - s.lo + 1;
+            /* A plane of more than 2^31 samples has no 32-bit stride: one
+             * such plane is fine (its stride is never used), several are
+             * not. */
+            if (stride > INT32_MAX && n > 1)
+                return refuse(e->stage, d, (span){o_true(v, d, s.lo), o_true(v, d, s.hi)},
+                              o_true(v, d, s.lo), o_true(v, d, s.lo));
+            stdim[d] = (halide_dimension_t){(int32_t)(s.lo - p.shift[d]), (int32_t)n,
                                             (int32_t)(stride > INT32_MAX ? 0 : stride), 0};
-            stride *= s.hi - s.lo + 1;
+            stride *= n;
         }
         if (p.shifted_view) {
             /* The one chunk of each row starts one sample before the box.
