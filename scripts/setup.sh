@@ -6,7 +6,10 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ gcc make binutils pkg-config
-          libhalide14-0-dev libtbb-dev googletest libgtest-dev)
+          libhalide14-0-dev libtbb-dev googletest libgtest-dev
+          # the Python package and its tests (the last three for cross-checks only)
+          python3 python3-dev pybind11-dev python3-numpy python3-pytest
+          python3-scipy python3-skimage python3-opencv)
 if [ "${TM_BENCH:-0}" = 1 ]; then
     packages+=(libopencv-dev libbenchmark-dev gnuplot-nox python3)
 fi
