@@ -22,8 +22,8 @@
  * row whose chunk count wraps), or reads a buffer outside what it
  * describes (wrap-around between the image's two ends, an intermediate
  * whose box wrapped), the call is refused with the access report of the
- * buffer concerned, after every other check and before anything is
- * allocated or written.
+ * buffer concerned, after every other check and the intermediate's
+ * allocation, and before anything is written.
  *
  * The intermediate of a two-stage operator is sized from its box, as
  * unsigned 32-bit extents in a full 64-bit product, checked, allocated
@@ -85,11 +85,20 @@ static int pieces(int64_t first, int64_t last, int64_t o, span reads, span *piec
 }
 
 /* The report for a call that reaches outside a buffer in a way its checks
- * could not see (they wrap).  The runtime prints nothing unless the
- * touched range it is given lies outside the valid one, so the touched
- * coordinates are given as the 32-bit values they wrap to, or at the end
- * of the 32-bit range where the true value lies beyond it. */
-static int refuse(const char *label, int d, span touched, int64_t vmin, int64_t vmax) {
+ * could not see (they wrap).  It is made only once the intermediate, if
+ * any, has been allocated: a call whose allocation fails reports that
+ * first, as every call with that box does.  The runtime prints nothing
+ * unless the touched range it is given lies outside the valid one, so the
+ * touched coordinates are given as the 32-bit values they wrap to, or at
+ * the end of the 32-bit range where the true value lies beyond it. */
+typedef struct {
+    bool set;
+    char label[64];
+    int d;
+    int32_t lo, hi, vmin, vmax;
+} refusal;
+
+static int refuse(refusal *r, const char *label, int d, span touched, int64_t vmin, int64_t vmax) {
     int32_t lo = (int32_t)wrap32(touched.lo), hi = (int32_t)wrap32(touched.hi);
     if (touched.lo < vmin) lo = touched.lo < INT32_MIN ? INT32_MIN : (int32_t)touched.lo;
     if (touched.hi > vmax) hi = touched.hi > INT32_MAX ? INT32_MAX : (int32_t)touched.hi;
@@ -99,7 +108,11 @@ static int refuse(const char *label, int d, span touched, int64_t vmin, int64_t 
         else
             hi = INT32_MAX;
     }
-    return halide_error_access_out_of_bounds(NULL, label, d, lo, hi, (int32_t)vmin, (int32_t)vmax);
+    r->set = true;
+    strncpy(r->label, label, sizeof r->label - 1);
+    r->label[sizeof r->label - 1] = '\0';
+    r->d = d, r->lo = lo, r->hi = hi, r->vmin = (int32_t)vmin, r->vmax = (int32_t)vmax;
+    return -4;
 }
 
 /* Everything decided for one call. */
@@ -115,6 +128,7 @@ typedef struct {
     bool image_dummy;
     bool shifted_view; /* closing with e0 = 0: one chunk wider than the box */
     int64_t shift[3];  /* K: pipeline coordinate = q - K */
+    refusal why;
 } plan;
 
 static const char *output_label(const tm_entry *e, char *buf, size_t cap) {
@@ -155,7 +169,8 @@ static void define_box(const tm_entry *e, const tm_view *v, plan *p) {
     }
 }
 
-/* Works out the plan in q; returns 0 or the status of a refusal. */
+/* Works out the plan in q; returns 0, or non-zero with the refusal in
+ * p->why. */
 static int make_plan(const tm_entry *e, const tm_view *v, plan *p) {
     const tm_view *im = &v[IM], *se = &v[SE], *out = &v[OUT];
     const int64_t L = e->lanes;
@@ -173,7 +188,7 @@ static int make_plan(const tm_entry *e, const tm_view *v, plan *p) {
         /* A wide row is cut into (n + L - 1) / L chunks in 32 bits: past
          * 2^31 - L that count wraps, and the row has no chunk to run. */
         if (d == 0 && p->wide && n + L - 1 > INT32_MAX)
-            return refuse(olabel, 0, (span){o, o + (n + L - 1) / L * L - 1}, o, o + n - 1);
+            return refuse(&p->why, olabel, 0, (span){o, o + (n + L - 1) / L * L - 1}, o, o + n - 1);
 
         span img_reads = {1, 0}; /* what is read of the image, in q */
         span used = output;      /* everything the pipeline forms */
@@ -193,7 +208,7 @@ static int make_plan(const tm_entry *e, const tm_view *v, plan *p) {
                 const span reads = reach(DILATE, output, e_d, c);
                 span inside;
                 if (pieces(0, B - 1, o, reads, &inside) > 1)
-                    return refuse(stage, d, reads, 0, B - 1);
+                    return refuse(&p->why, stage, d, reads, 0, B - 1);
                 span box = {1, 0};
                 if (X <= (uint32_t)INT32_MAX && !(d == 0 && p->wide && X + L - 1 > INT32_MAX)) {
                     for (int64_t j = -1; j <= 1 && is_empty(box); j++) {
@@ -209,14 +224,14 @@ static int make_plan(const tm_entry *e, const tm_view *v, plan *p) {
                 }
                 if (is_empty(box) && !is_empty(inside)) {
                     const int64_t first = (int64_t)p->box_min[d], last = first + (int64_t)X - 1;
-                    return refuse(stage, d, (span){o + inside.lo, o + inside.hi}, first,
+                    return refuse(&p->why, stage, d, (span){o + inside.lo, o + inside.hi}, first,
                                   last > INT32_MAX ? INT32_MAX : last);
                 }
                 if (is_empty(box) && !taps) box = (span){at, at + (int64_t)X - 1};
                 if (taps && (is_empty(box) || (d == 0 && p->wide && box.hi - box.lo + 1 < L))) {
                     /* A box without samples (its formula gave 0) still has to
                      * hold the one sample that an empty window reads. */
-                    return refuse(stage, d, (span){o + at, o + at + (d == 0 && p->wide ? L : 1) - 1},
+                    return refuse(&p->why, stage, d, (span){o + at, o + at + (d == 0 && p->wide ? L : 1) - 1},
                                   p->box_min[d], (int64_t)p->box_min[d] - 1);
                 }
                 p->stage[d] = box;
@@ -227,7 +242,7 @@ static int make_plan(const tm_entry *e, const tm_view *v, plan *p) {
                 /* Closing: the box is exactly what stage 2 reads. */
                 const span box = {at, at + (int64_t)X - 1};
                 if (X > (uint32_t)INT32_MAX || (d == 0 && p->wide && X + L - 1 > INT32_MAX))
-                    return refuse(stage, d, (span){(int64_t)p->box_min[d], (int64_t)p->box_min[d] + X - 1},
+                    return refuse(&p->why, stage, d, (span){(int64_t)p->box_min[d], (int64_t)p->box_min[d] + X - 1},
                                   p->box_min[d], INT32_MAX);
                 p->stage[d] = box;
                 if (d == 0 && p->wide && (int64_t)X < L) {
@@ -247,11 +262,11 @@ static int make_plan(const tm_entry *e, const tm_view *v, plan *p) {
         /* The image's samples that can be read, as one piece of q. */
         span piece;
         const int count = pieces(i, i + m - 1, o, img_reads, &piece);
-        if (count > 1) return refuse("Input buffer keyimForType", d, (span){o + img_reads.lo, o + img_reads.hi}, i,
+        if (count > 1) return refuse(&p->why, "Input buffer keyimForType", d, (span){o + img_reads.lo, o + img_reads.hi}, i,
                                      min64(i + m - 1, INT32_MAX));
         if (residue(e) && (count == 0 || piece.lo > 0 || piece.hi < n - 1)) {
             /* The residue reads the image at the output's own coordinates. */
-            return refuse("Input buffer keyimForType", d, (span){o, o + n - 1}, i, min64(i + m - 1, INT32_MAX));
+            return refuse(&p->why, "Input buffer keyimForType", d, (span){o, o + n - 1}, i, min64(i + m - 1, INT32_MAX));
         }
         if (count == 0) {
             /* Nothing of the image is read in this dimension: every tap
@@ -283,7 +298,7 @@ static int make_plan(const tm_entry *e, const tm_view *v, plan *p) {
 
         /* One shift that keeps everything inside 32 bits. */
         if (used.hi - used.lo > 2 * TM_LIMIT)
-            return refuse(olabel, d, (span){o + used.lo, o + used.hi}, o, o + n - 1);
+            return refuse(&p->why, olabel, d, (span){o + used.lo, o + used.hi}, o, o + n - 1);
         p->shift[d] = used.lo >= -TM_LIMIT && used.hi <= TM_LIMIT ? 0 : used.lo + (used.hi - used.lo) / 2;
     }
     return 0;
@@ -303,8 +318,108 @@ static void describe(halide_buffer_t *b, halide_dimension_t *dim, void *host, st
     b->dim = dim;
 }
 
-int tm_run_pipeline(const tm_entry *e, const tm_view v[4]) {
+/* What the pipeline is handed: the descriptors in its own coordinates. */
+typedef struct {
+    tm_call call;
+    halide_buffer_t out, im, mm, se, stage;
+    halide_dimension_t out_dim[3], im_dim[3], mm_dim[2], se_dim[3], stage_dim[3];
+} handover;
+
+/* Lays out the call for the pipeline; returns non-zero with the refusal in
+ * p->why where it cannot be laid out.  The intermediate's host is filled in
+ * once it is allocated. */
+static int hand_over(const tm_entry *e, const tm_view *v, plan *p, uint64_t bytes, handover *h) {
     const tm_view *im = &v[IM], *mm = &v[MM], *se = &v[SE], *out = &v[OUT];
+    tm_call *call = &h->call;
+    memset(call, 0, sizeof *call);
+    call->wide = p->wide;
+
+    /* The output, moved by K. */
+    halide_buffer_t *ob = &h->out, *ib = &h->im, *mb = &h->mm, *sb = &h->se, *stb = &h->stage;
+    halide_dimension_t *odim = h->out_dim, *idim = h->im_dim, *mdim = h->mm_dim, *sdim = h->se_dim,
+                       *stdim = h->stage_dim;
+    describe(ob, odim, out->host, out->type, 3);
+    describe(mb, mdim, mm->host, mm->type, 2);
+    describe(sb, sdim, se->host, se->type, 3);
+    int64_t offset = 0;
+    for (int d = 0; d < 3; d++) {
+        odim[d] = (halide_dimension_t){(int32_t)(0 - p->shift[d]), out->extent[d], out->stride[d], 0};
+        sdim[d] = (halide_dimension_t){se->min[d], se->extent[d], se->stride[d], 0};
+        /* The image cut to its piece: its host moves to the piece's first sample. */
+        const span piece = p->image[d];
+        if (!p->image_dummy) offset += (piece.lo - p->image_origin[d]) * (int64_t)im->stride[d];
+        idim[d] = (halide_dimension_t){(int32_t)(piece.lo - p->shift[d]), (int32_t)(piece.hi - piece.lo + 1),
+                                       im->stride[d], 0};
+    }
+    if (p->image_dummy) {
+        /* Somewhere nothing is read: the whole image becomes its first
+         * sample, placed below all reads in every such dimension and, in
+         * the others, wherever its piece begins, so every clamped read
+         * lands on it. */
+        for (int d = 0; d < 3; d++) {
+            idim[d].min = (int32_t)(p->image[d].lo - p->shift[d]);
+            idim[d].extent = 1;
+        }
+        offset = 0;
+    }
+    for (int d = 0; d < 2; d++) mdim[d] = (halide_dimension_t){mm->min[d], mm->extent[d], mm->stride[d], 0};
+    describe(ib, idim, (uint8_t *)im->host + offset * e->bytes, im->type, 3);
+
+    call->keyimForType = ib;
+    call->minmax = mb;
+    call->strel = sb;
+    call->out = ob;
+
+    if (e->stage) {
+        /* Dense rows and planes. */
+        int64_t stride = 1;
+        for (int d = 0; d < 3; d++) {
+            const span s = p->stage[d];
+            const int64_t n = s.hi - s.lo + 1;
+            /* A plane of more than 2^31 samples has no 32-bit stride: one
+             * such plane is fine (its stride is never used), several are
+             * not. */
+            if (stride > INT32_MAX && n > 1)
+                return refuse(&p->why, e->stage, d, (span){o_true(v, d, s.lo), o_true(v, d, s.hi)},
+                              o_true(v, d, s.lo), o_true(v, d, s.lo));
+            stdim[d] = (halide_dimension_t){(int32_t)(s.lo - p->shift[d]), (int32_t)n,
+                                            (int32_t)(stride > INT32_MAX ? 0 : stride), 0};
+            stride *= n;
+        }
+        if (p->shifted_view) {
+            /* The one chunk of each row starts one sample before the box.
+             * The view's rows keep the box's stride (X = L - 1), so row r's
+             * chunk covers the box's row r and the sample just before it,
+             * which is the previous row's last one, and the very first
+             * chunk starts at the block's first element: the last sample
+             * it can reach is element X * Y * Z, the one element that the
+             * block has beyond the box.  Overlapping samples are written
+             * with the same value, the initial value of an element without
+             * taps, and stage 2 (also without taps) reads none of them. */
+            stdim[1].stride = (int32_t)p->box_extent[0];
+            stdim[2].stride = (int32_t)((uint64_t)p->box_extent[0] * p->box_extent[1]);
+        }
+        /* Whatever the pipeline may touch must lie inside the block. */
+        uint64_t reach_elems = 1;
+        for (int d = 0; d < 3; d++)
+            reach_elems += (uint64_t)(stdim[d].extent - 1) * (uint64_t)(uint32_t)stdim[d].stride;
+        if (stdim[0].extent == 0 || stdim[1].extent == 0 || stdim[2].extent == 0) reach_elems = 0;
+        if (reach_elems > bytes / (uint64_t)e->bytes + 1)
+            return refuse(&p->why, e->stage, 0, (span){p->box_min[0], (int64_t)p->box_min[0] + stdim[0].extent - 1},
+                          p->box_min[0], (int64_t)p->box_min[0] + p->box_extent[0] - 1);
+        describe(stb, stdim, NULL, out->type, 3);
+        call->stage = stb;
+        for (int d = 0; d < 3; d++) {
+            call->window_min[d] = (int32_t)(p->window[d].lo - p->shift[d]);
+            call->window_extent[d] = (int32_t)(p->window[d].hi - p->window[d].lo + 1);
+        }
+    }
+
+    return 0;
+}
+
+int tm_run_pipeline(const tm_entry *e, const tm_view v[4]) {
+    const tm_view *im = &v[IM], *out = &v[OUT];
     plan p;
     memset(&p, 0, sizeof p);
     p.wide = im->extent[0] > e->lanes;
@@ -322,114 +437,25 @@ int tm_run_pipeline(const tm_entry *e, const tm_view v[4]) {
         if ((full >> 64) != 0 || (bytes >> 63) != 0)
             return halide_error_buffer_allocation_too_large(NULL, e->stage, bytes, 0x7fffffffffffffffULL);
     }
-    if (!p.empty_output) {
-        const int status = make_plan(e, v, &p);
-        if (status) return status;
-    }
 
-    if (p.empty_output) {
-        /* An output without samples has nothing to compute; a two-stage
-         * operator still makes its one allocation. */
-        if (!e->stage) return 0;
-        void *block = halide_malloc(NULL, (size_t)(bytes + (uint64_t)e->bytes));
-        if (!block) return halide_error_out_of_memory(NULL);
-        halide_free(NULL, block);
-        return 0;
-    }
-
-    tm_call call;
-    memset(&call, 0, sizeof call);
-    call.wide = p.wide;
-
-    /* The output, moved by K. */
-    halide_buffer_t ob, ib, mb, sb, stb;
-    memset(&stb, 0, sizeof stb);
-    halide_dimension_t odim[3], idim[3], mdim[2], sdim[3], stdim[3];
-    describe(&ob, odim, out->host, out->type, 3);
-    describe(&mb, mdim, mm->host, mm->type, 2);
-    describe(&sb, sdim, se->host, se->type, 3);
-    int64_t offset = 0;
-    for (int d = 0; d < 3; d++) {
-        odim[d] = (halide_dimension_t){(int32_t)(0 - p.shift[d]), out->extent[d], out->stride[d], 0};
-        sdim[d] = (halide_dimension_t){se->min[d], se->extent[d], se->stride[d], 0};
-        /* The image cut to its piece: its host moves to the piece's first sample. */
-        const span piece = p.image[d];
-        if (!p.image_dummy) offset += (piece.lo - p.image_origin[d]) * (int64_t)im->stride[d];
-        idim[d] = (halide_dimension_t){(int32_t)(piece.lo - p.shift[d]), (int32_t)(piece.hi - piece.lo + 1),
-                                       im->stride[d], 0};
-    }
-    if (p.image_dummy) {
-        /* Somewhere nothing is read: the whole image becomes its first
-         * sample, placed below all reads in every such dimension and, in
-         * the others, wherever its piece begins, so every clamped read
-         * lands on it. */
-        for (int d = 0; d < 3; d++) {
-            idim[d].min = (int32_t)(p.image[d].lo - p.shift[d]);
-            idim[d].extent = 1;
-        }
-        offset = 0;
-    }
-    for (int d = 0; d < 2; d++) mdim[d] = (halide_dimension_t){mm->min[d], mm->extent[d], mm->stride[d], 0};
-    describe(&ib, idim, (uint8_t *)im->host + offset * e->bytes, im->type, 3);
-
-    call.keyimForType = &ib;
-    call.minmax = &mb;
-    call.strel = &sb;
-    call.out = &ob;
-
-    if (e->stage) {
-        /* Dense rows and planes. */
-        int64_t stride = 1;
-        for (int d = 0; d < 3; d++) {
-            const span s = p.stage[d];
-            const int64_t n = s.hi - s.lo + 1;
-            /* A plane of more than 2^31 samples has no 32-bit stride: one
-             * such plane is fine (its stride is never used), several are
-             * not. */
-            if (stride > INT32_MAX && n > 1)
-                return refuse(e->stage, d, (span){o_true(v, d, s.lo), o_true(v, d, s.hi)},
-                              o_true(v, d, s.lo), o_true(v, d, s.lo));
-            stdim[d] = (halide_dimension_t){(int32_t)(s.lo - p.shift[d]), (int32_t)n,
-                                            (int32_t)(stride > INT32_MAX ? 0 : stride), 0};
-            stride *= n;
-        }
-        if (p.shifted_view) {
-            /* The one chunk of each row starts one sample before the box.
-             * The view's rows keep the box's stride (X = L - 1), so row r's
-             * chunk covers the box's row r and the sample just before it,
-             * which is the previous row's last one, and the very first
-             * chunk starts at the block's first element: the last sample
-             * it can reach is element X * Y * Z, the one element that the
-             * block has beyond the box.  Overlapping samples are written
-             * with the same value, the initial value of an element without
-             * taps, and stage 2 (also without taps) reads none of them. */
-            stdim[1].stride = (int32_t)p.box_extent[0];
-            stdim[2].stride = (int32_t)((uint64_t)p.box_extent[0] * p.box_extent[1]);
-        }
-        /* Whatever the pipeline may touch must lie inside the block. */
-        uint64_t reach_elems = 1;
-        for (int d = 0; d < 3; d++)
-            reach_elems += (uint64_t)(stdim[d].extent - 1) * (uint64_t)(uint32_t)stdim[d].stride;
-        if (stdim[0].extent == 0 || stdim[1].extent == 0 || stdim[2].extent == 0) reach_elems = 0;
-        if (reach_elems > bytes / (uint64_t)e->bytes + 1)
-            return refuse(e->stage, 0, (span){p.box_min[0], (int64_t)p.box_min[0] + stdim[0].extent - 1},
-                          p.box_min[0], (int64_t)p.box_min[0] + p.box_extent[0] - 1);
-        describe(&stb, stdim, NULL, out->type, 3);
-        call.stage = &stb;
-        for (int d = 0; d < 3; d++) {
-            call.window_min[d] = (int32_t)(p.window[d].lo - p.shift[d]);
-            call.window_extent[d] = (int32_t)(p.window[d].hi - p.window[d].lo + 1);
-        }
-    }
+    /* An output without samples has nothing to compute; a two-stage
+     * operator still makes its one allocation. */
+    handover h;
+    const bool runs = !p.empty_output && make_plan(e, v, &p) == 0 && hand_over(e, v, &p, bytes, &h) == 0;
 
     void *block = NULL;
     if (e->stage) {
         block = halide_malloc(NULL, (size_t)(bytes + (uint64_t)e->bytes));
         if (!block) return halide_error_out_of_memory(NULL);
-        stb.host = (uint8_t *)block;
     }
-
-    const int status = e->run(&call);
+    int status = 0;
+    if (p.why.set) {
+        status = halide_error_access_out_of_bounds(NULL, p.why.label, p.why.d, p.why.lo, p.why.hi, p.why.vmin,
+                                                   p.why.vmax);
+    } else if (runs) {
+        h.stage.host = (uint8_t *)block;
+        status = e->run(&h.call);
+    }
     /* The runtime's free takes no null pointer. */
     if (block) halide_free(NULL, block);
     return status;
