@@ -31,6 +31,7 @@
 #include "frame.h"
 
 #include <stdbool.h>
+#include <stdint.h>
 #include <string.h>
 
 enum { IM, MM, SE, OUT };
@@ -341,13 +342,15 @@ static int hand_over(const tm_entry *e, const tm_view *v, plan *p, uint64_t byte
     describe(ob, odim, out->host, out->type, 3);
     describe(mb, mdim, mm->host, mm->type, 2);
     describe(sb, sdim, se->host, se->type, 3);
-    int64_t offset = 0;
+    /* Addresses are 64-bit and wrap like the caller's own address
+     * arithmetic would; unsigned, so that C sees no overflow. */
+    uint64_t offset = 0;
     for (int d = 0; d < 3; d++) {
         odim[d] = (halide_dimension_t){(int32_t)(0 - p->shift[d]), out->extent[d], out->stride[d], 0};
         sdim[d] = (halide_dimension_t){se->min[d], se->extent[d], se->stride[d], 0};
         /* The image cut to its piece: its host moves to the piece's first sample. */
         const span piece = p->image[d];
-        if (!p->image_dummy) offset += (piece.lo - p->image_origin[d]) * (int64_t)im->stride[d];
+        if (!p->image_dummy) offset += (uint64_t)(piece.lo - p->image_origin[d]) * (uint64_t)(int64_t)im->stride[d];
         idim[d] = (halide_dimension_t){(int32_t)(piece.lo - p->shift[d]), (int32_t)(piece.hi - piece.lo + 1),
                                        im->stride[d], 0};
     }
@@ -363,7 +366,7 @@ static int hand_over(const tm_entry *e, const tm_view *v, plan *p, uint64_t byte
         offset = 0;
     }
     for (int d = 0; d < 2; d++) mdim[d] = (halide_dimension_t){mm->min[d], mm->extent[d], mm->stride[d], 0};
-    describe(ib, idim, (uint8_t *)im->host + offset * e->bytes, im->type, 3);
+    describe(ib, idim, (void *)((uintptr_t)im->host + (uintptr_t)(offset * (uint64_t)e->bytes)), im->type, 3);
 
     call->keyimForType = ib;
     call->minmax = mb;
