@@ -3,17 +3,19 @@
 reports time and peak memory (the README's measurement; not part of the
 tests, it takes minutes and gigabytes of disk).
 
-    python3 stream_zarr.py WORKDIR [--gib 4] [--chunk 128,256,256] [--footprint ball:2]
+    python3 stream_zarr.py WORKDIR [--gib 4] [--chunk 128,256,256] [--footprint ball:2] [--limit-gib 1]
 
 Makes WORKDIR/volume.zarr (the sample volume tiled to the size asked for,
 written chunk by chunk) unless it is there, then runs
-`tessmorph opening volume.zarr opened.zarr` under /usr/bin/time, and checks
-a few chunks of the result against whole-array calls on their neighbourhood.
+`tessmorph opening volume.zarr opened.zarr` under /usr/bin/time (and, with
+--limit-gib, with that much address space at most), and checks two places
+of the result against whole-array calls on their neighbourhood.
 """
 
 import argparse
 import os
 import re
+import resource
 import subprocess
 import sys
 
@@ -40,6 +42,7 @@ def main():
     p.add_argument("--chunk", default="128,256,256")
     p.add_argument("--footprint", default="ball:2")
     p.add_argument("--threads", type=int, default=2)
+    p.add_argument("--limit-gib", type=float, help="run the tool with this much address space at most")
     args = p.parse_args()
     chunks = tuple(int(c) for c in args.chunk.split(","))
     os.makedirs(args.workdir, exist_ok=True)
@@ -49,7 +52,12 @@ def main():
 
     command = ["/usr/bin/time", "-v", "nice", "-n", "10", sys.executable, "-m", "tessmorph", "opening", source,
                target, "--footprint", args.footprint, "--threads", str(args.threads), "--quiet"]
-    run = subprocess.run(command, capture_output=True, text=True)
+    def limit():
+        if args.limit_gib:
+            size = int(args.limit_gib * 2**30)
+            resource.setrlimit(resource.RLIMIT_AS, (size, size))
+
+    run = subprocess.run(command, capture_output=True, text=True, preexec_fn=limit)
     if run.returncode:
         sys.exit(run.stderr)
     wall = re.search(r"Elapsed \(wall clock\) time.*: (\S+)", run.stderr).group(1)
@@ -62,8 +70,9 @@ def main():
     src, out = zarr.open(source, mode="r"), zarr.open(target, mode="r")
     fp = cli.parse_footprint(args.footprint)
     size = src.nbytes / 2**30
+    limit = f", address space limited to {args.limit_gib} GiB" if args.limit_gib else ""
     print(f"opening {src.shape} {src.dtype} ({size:.2f} GiB), chunks {src.chunks}, footprint {args.footprint}, "
-          f"{args.threads} threads: {wall} wall, peak memory {peak:.2f} GiB ({peak / size:.1%} of the volume)")
+          f"{args.threads} threads{limit}: {wall} wall, peak memory {peak:.2f} GiB ({peak / size:.1%} of the volume)")
 
     # Two places against whole-array calls on their neighbourhood, whose own
     # cut edges are out of reach there: the first plane's corner (where the

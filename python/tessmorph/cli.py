@@ -31,22 +31,22 @@ class _Parser(argparse.ArgumentParser):
         sys.exit(2)
 
 
-def parse_footprint(spec):
+def parse_footprint(text):
     from . import footprints
-    if spec.lower().endswith(".npy"):
-        if not os.path.exists(spec):
-            raise FileNotFoundError(f"footprint {spec}: no such file")
-        return np.load(spec, allow_pickle=False)
-    name, *args = spec.split(":")
+    if text.lower().endswith(".npy"):
+        if not os.path.exists(text):
+            raise FileNotFoundError(f"footprint {text}: no such file")
+        return np.load(text, allow_pickle=False)
+    name, *args = text.split(":")
     if name not in _SHAPES:
-        raise ValueError(f"unknown footprint {spec!r}; use {', '.join(_SHAPES.values())} or a .npy file")
+        raise ValueError(f"unknown footprint {text!r}; use {', '.join(_SHAPES.values())} or a .npy file")
     wanted = _SHAPES[name].count(":")
     if len(args) != wanted:
-        raise ValueError(f"footprint {spec!r}: expected {_SHAPES[name]}")
+        raise ValueError(f"footprint {text!r}: expected {_SHAPES[name]}")
     try:
         values = [float(a) if (name == "line" and i == 1) else int(a) for i, a in enumerate(args)]
     except ValueError:
-        raise ValueError(f"footprint {spec!r}: expected {_SHAPES[name]} with whole numbers") from None
+        raise ValueError(f"footprint {text!r}: expected {_SHAPES[name]} with whole numbers") from None
     return getattr(footprints, name)(*values)
 
 
