@@ -7,9 +7,11 @@ set -euo pipefail
 
 packages=(cmake ninja-build g++ gcc make binutils pkg-config
           libhalide14-0-dev libtbb-dev googletest libgtest-dev
-          # the Python package and its tests (the last three for cross-checks only)
+          # the Python package and its tests (scipy, scikit-image and OpenCV for
+          # cross-checks only); the command-line tool's formats, dask, progress
           python3 python3-dev pybind11-dev python3-numpy python3-pytest
-          python3-scipy python3-skimage python3-opencv)
+          python3-scipy python3-skimage python3-opencv
+          python3-tifffile python3-pil python3-zarr python3-dask python3-distributed python3-tqdm)
 if [ "${TM_BENCH:-0}" = 1 ]; then
     packages+=(libopencv-dev libbenchmark-dev gnuplot-nox python3)
 fi
