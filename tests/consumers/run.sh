@@ -40,7 +40,9 @@ done
 [ -f "$libdir/cmake/tessmorphop3_halide/tessmorphop3_halideConfig.cmake" ] || fail "no CMake package"
 [ -f "$libdir/cmake/tessmorphop3_halide/tessmorphop3_halideConfigVersion.cmake" ] || fail "no CMake version file"
 [ -f "$libdir/pkgconfig/tessmorphop3_halide.pc" ] || fail "no pkg-config file"
-strays=$(find "$prefix" \( -name '*.a' -o -name 'tm_*' -o -name '*_test' -o -path "$prefix/bin*" \) -print)
+# The command-line tool is the one program installed; build tools are not.
+strays=$(find "$prefix" \( -name '*.a' -o -name 'tm_*' -o -name '*_test' -o -path "$prefix/bin/*" \) \
+         ! -path "$prefix/bin/tessmorph" -print)
 [ -z "$strays" ] || fail "installed what stays in the build tree: $strays"
 
 # --- find_package -------------------------------------------------------
