@@ -9,7 +9,10 @@
 #   TM_FUZZ      libFuzzer's coverage (clang only), with the same sanitizers,
 #                for tests/fuzz.
 
-set(TM_SANITIZER_FLAGS -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer -g)
+# -O1 and line tables only: reports still name files and lines, and the
+# instrumented tests compile in a quarter of the time that -O3 -g takes.
+set(TM_SANITIZER_FLAGS -fsanitize=address,undefined -fno-sanitize-recover=undefined -fno-omit-frame-pointer
+                       -O1 -g1)
 
 if (TM_SANITIZE AND TM_FUZZ)
     message(FATAL_ERROR "TM_SANITIZE and TM_FUZZ are separate builds")

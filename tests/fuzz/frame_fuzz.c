@@ -367,8 +367,10 @@ static int layout(const buf_spec *b, int64_t *lo, int64_t *hi, int64_t *samples,
     return 1;
 }
 
-/* A page that can never be touched, for the hosts of calls that must not
- * touch storage. */
+/* The host of every buffer of a call that must not touch storage: the
+ * middle of a terabyte of address space that can never be touched, so that
+ * also a far access crashes rather than land in some other mapping. */
+static const size_t FORBIDDEN_SPAN = (size_t)1 << 40;
 static uint8_t *forbidden;
 
 static void *reserve(size_t len) {
@@ -662,9 +664,10 @@ int LLVMFuzzerInitialize(int *argc, char ***argv) {
         for (size_t l = 0; l < sizeof levels / sizeof levels[0]; l++)
             if (!strcmp(levels[l].word, x->level_word)) x->runnable = cpu_has(levels[l].features);
     }
-    forbidden = reserve(3 * page);
+    uint8_t *untouchable = reserve(FORBIDDEN_SPAN);
     dim_pages = reserve(2 * NARGS * page);
-    if (!forbidden || !dim_pages) abort();
+    if (!untouchable || !dim_pages) abort();
+    forbidden = untouchable + FORBIDDEN_SPAN / 2;
     for (int a = 0; a < NARGS; a++) protect(dim_pages + 2 * a * page, page, PROT_READ | PROT_WRITE);
     halide_set_error_handler(record_error);
     halide_set_custom_malloc(guarded_malloc);
@@ -686,7 +689,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                      .bytes = x->bytes, .lanes = x->lanes};
     if (x->stage) stub.staged = stub_staged, stub.stage = x->stage;
     else stub.pipeline = stub_pipeline;
-    uint8_t *dummy[NARGS] = {forbidden + page, forbidden + page, forbidden + page, forbidden + page};
+    uint8_t *dummy[NARGS] = {forbidden, forbidden, forbidden, forbidden};
     descriptor dsc[NARGS];
     descriptor_copy given[NARGS], answered[NARGS];
     make_descriptors(dsc, &c, dummy);
@@ -699,7 +702,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     /* 2. Storage: none that can be touched unless the frame hands the call on. */
     storage s[NARGS];
     memset(s, 0, sizeof s);
-    uint8_t *host[NARGS] = {forbidden + page, forbidden + page, forbidden + page, forbidden + page};
+    uint8_t *host[NARGS] = {forbidden, forbidden, forbidden, forbidden};
     if (accepted) {
         int64_t lo, hi, out_samples, se_samples, rows;
         if (!layout(&c.b[OUT], &lo, &hi, &out_samples, &rows) || !layout(&c.b[SE], &lo, &hi, &se_samples, &rows) ||
