@@ -15,6 +15,7 @@ cmake -S "$root" -B "$out" -G Ninja -DCMAKE_BUILD_TYPE=Release \
       -DTM_FUZZ=ON -DTM_BUILD_TESTS=OFF -DTM_PIPELINES_FROM="$root/build"
 cmake --build "$out" --target tm_frame_fuzz -j "$(nproc)"
 
+rm -rf "$out/findings"
 mkdir -p "$out/corpus" "$out/findings"
 fuzzer="$out/tests/fuzz/tm_frame_fuzz"
 status=0
