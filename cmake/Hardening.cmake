@@ -18,7 +18,21 @@ if (TM_SANITIZE AND TM_FUZZ)
     message(FATAL_ERROR "TM_SANITIZE and TM_FUZZ are separate builds")
 endif ()
 
+# Tests that run programs which are not instrumented themselves (the Python
+# interpreter, the install consumers, the compilers they start) load the
+# instrumented library only with the sanitizer's runtime preloaded, and the
+# C++ runtime with it, so that the runtime finds the functions it wraps.
+# Those programs keep memory to the end by design: no leak check there.
+set(TM_SANITIZER_HOST_ENV "")
+
 if (TM_SANITIZE)
+    foreach (lib libasan.so libstdc++.so.6)
+        execute_process(COMMAND "${CMAKE_CXX_COMPILER}" -print-file-name=${lib}
+                        OUTPUT_VARIABLE path OUTPUT_STRIP_TRAILING_WHITESPACE)
+        list(APPEND _preload "${path}")
+    endforeach ()
+    list(JOIN _preload " " _preload)
+    set(TM_SANITIZER_HOST_ENV "LD_PRELOAD=${_preload}" "ASAN_OPTIONS=detect_leaks=0:allocator_may_return_null=1")
     target_compile_options(tm_frame_objects PRIVATE ${TM_SANITIZER_FLAGS})
     target_link_options(tessmorphop3_halide PRIVATE ${TM_SANITIZER_FLAGS})
     # The archive carries the flags to whatever links it.

@@ -6,12 +6,13 @@
  * with device handles, wrong types, mask bytes and pad values.  The call is
  * made twice.  First through the frame with a stub in place of the
  * pipeline: that tells whether the frame refuses the call, answers a query,
- * or hands it on, and touches no storage.  Then through the export itself,
- * with every buffer's storage between inaccessible pages:
+ * finds nothing to compute, or hands it on, and touches no storage.  Then
+ * through the export itself, with every buffer's storage between
+ * inaccessible pages:
  *
- *   - a refused call or a query gets storage that cannot be touched at all,
- *     so any access crashes; it must return what the frame returned, and a
- *     query must write the descriptors as the frame did;
+ *   - a call that the frame does not hand on gets storage that cannot be
+ *     touched at all, so any access crashes; it must return what the frame
+ *     returned, and a query must write the descriptors as the frame did;
  *   - a call the frame hands on gets its described samples (inputs
  *     read-only) and must return 0; afterwards every byte of the output's
  *     pages outside its described samples must still hold the canary, and
@@ -533,15 +534,10 @@ static void guarded_free(void *uc, void *p) {
 /* ---- The stub pipeline ----------------------------------------------------- */
 
 static int stub_calls;
-static int stub_pipeline(halide_buffer_t *im, halide_buffer_t *mm, halide_buffer_t *se, halide_buffer_t *out) {
-    (void)im, (void)mm, (void)se, (void)out;
+static int stub_run(const tm_call *call) {
+    (void)call;
     stub_calls++;
     return 0;
-}
-static int stub_staged(halide_buffer_t *im, halide_buffer_t *mm, halide_buffer_t *se, halide_buffer_t *out,
-                       halide_buffer_t *stage) {
-    (void)stage;
-    return stub_pipeline(im, mm, se, out);
 }
 
 /* ---- Descriptors at the ends of pages --------------------------------------- */
@@ -713,10 +709,8 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     /* 1. The frame alone, with the stub in place of the pipeline. */
     const export_info *x = c.x;
-    tm_entry stub = {.op = x->op, .output = x->output, .code = (uint8_t)x->code, .bits = (uint8_t)x->bits,
-                     .bytes = x->bytes, .lanes = x->lanes};
-    if (x->stage) stub.staged = stub_staged, stub.stage = x->stage;
-    else stub.pipeline = stub_pipeline;
+    const tm_entry stub = {.op = x->op, .output = x->output, .code = (uint8_t)x->code, .bits = (uint8_t)x->bits,
+                           .bytes = x->bytes, .lanes = x->lanes, .run = stub_run, .stage = x->stage};
     uint8_t *dummy[NARGS] = {forbidden, forbidden, forbidden, forbidden};
     descriptor dsc[NARGS];
     descriptor_copy given[NARGS], answered[NARGS];
@@ -764,7 +758,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     }
     /* A query writes the queried descriptors as the frame did; no other
      * call writes any. */
-    const int query = !accepted && stub_status == 0;
+    const int query = !accepted && stub_status == 0; /* or nothing to compute */
     for (int a = 0; a < NARGS; a++) {
         const descriptor_copy *w = query && c.b[a].host_mode == HOST_QUERY ? &answered[a] : &given[a];
         if (!same_descriptor(&after[a], w)) fail("the descriptor of %s changed", arg_name[a]);
