@@ -100,6 +100,14 @@ SEEDS["too-large-imclose-wrapping-extents"] = call("imclose_uint8_none", box(17,
                                                    box(2147483647, 2147483647, 2147483647),
                                                    out_strides=[1, 2147483647, 1])
 
+# Strides whose sum passes 2^63 bytes: the image's offset to the piece read.
+SEEDS["overflow-imopen-int32-image-offset"] = call("imopen_int32_avx2",
+                                                   box(2147483639, 2147483595, 16,
+                                                       mins=(-2147483596, -2147483596, 2147483516)),
+                                                   (5, 5, 5), box(2147483639, 2147483595, 16,
+                                                                  mins=(-2147483596, -2147483596, 2147483516)),
+                                                   strides=[1, 2147483639, 477], out_strides=[1, 2147483639, 477])
+
 if __name__ == "__main__":
     corpus = os.path.join(HERE, "corpus")
     os.makedirs(corpus, exist_ok=True)
