@@ -165,7 +165,7 @@ static int32_t stride(reader *r, int32_t dense) {
 }
 
 static double pad_value(reader *r) {
-    static const double specials[] = {0,     1,    -1,         255,        256,           300,    127,
+    static const double notable[] = {0,     1,    -1,         255,        256,           300,    127,
                                       128,   0.5,  65535,      2147483648.0, 4294967296.5, -2147483649.0,
                                       1e300, -0.0, NAN,        INFINITY,   -INFINITY};
     uint8_t m = u8(r);
@@ -175,7 +175,7 @@ static double pad_value(reader *r) {
         memcpy(&d, &bits, sizeof d);
         return d;
     }
-    return specials[m % (sizeof specials / sizeof specials[0])];
+    return notable[m % (sizeof notable / sizeof notable[0])];
 }
 
 /* ---- One call ------------------------------------------------------------- */
@@ -189,24 +189,24 @@ typedef struct {
     struct halide_type_t type;
     int32_t dimensions;
     int32_t min[3], extent[3], stride[3];
-} buf_spec;
+} buf_plan;
 
 typedef struct {
     const export_info *x;
-    buf_spec b[NARGS];
+    buf_plan b[NARGS];
     double lower, upper;
     int align_end, mask_mode;
     uint32_t seed;
-} call_spec;
+} call_plan;
 
-static void decode_box(reader *r, buf_spec *b) {
+static void decode_box(reader *r, buf_plan *b) {
     for (int d = 0; d < b->dims; d++) {
         b->min[d] = coord(r);
         b->extent[d] = extent(r);
     }
 }
 
-static void decode_strides(reader *r, buf_spec *b) {
+static void decode_strides(reader *r, buf_plan *b) {
     int32_t dense = 1;
     for (int d = 0; d < b->dims; d++) {
         b->stride[d] = stride(r, dense);
@@ -215,7 +215,7 @@ static void decode_strides(reader *r, buf_spec *b) {
     }
 }
 
-static void decode_buffer_head(reader *r, buf_spec *b, int dims, struct halide_type_t type, int elem) {
+static void decode_buffer_head(reader *r, buf_plan *b, int dims, struct halide_type_t type, int elem) {
     uint8_t h = u8(r);
     int host = h & 15, t = h >> 4;
     b->host_mode = host < 12 ? HOST_NORMAL : host == 12 ? HOST_WITH_DEVICE : host == 14 ? HOST_DEVICE_ONLY : HOST_QUERY;
@@ -229,7 +229,7 @@ static void decode_buffer_head(reader *r, buf_spec *b, int dims, struct halide_t
 }
 
 /* Returns 0 when the input names a level this processor lacks. */
-static int decode(const uint8_t *data, size_t size, call_spec *c) {
+static int decode(const uint8_t *data, size_t size, call_plan *c) {
     reader r = {data, size};
     memset(c, 0, sizeof *c);
     uint32_t index = u8(&r);
@@ -245,7 +245,7 @@ static int decode(const uint8_t *data, size_t size, call_spec *c) {
 
     const struct halide_type_t T = {(uint8_t)c->x->code, (uint8_t)c->x->bits, 1};
     const struct halide_type_t F64 = {halide_type_float, 64, 1}, U8 = {halide_type_uint, 8, 1};
-    buf_spec *im = &c->b[IM], *mm = &c->b[MM], *se = &c->b[SE], *out = &c->b[OUT];
+    buf_plan *im = &c->b[IM], *mm = &c->b[MM], *se = &c->b[SE], *out = &c->b[OUT];
 
     decode_buffer_head(&r, im, 3, T, c->x->bytes);
     decode_box(&r, im);
@@ -286,12 +286,12 @@ static int decode(const uint8_t *data, size_t size, call_spec *c) {
 
 static char current[4096]; /* the call under way */
 
-static void describe(const call_spec *c) {
+static void describe(const call_plan *c) {
     static const char *const modes[] = {"host", "host+device", "query", "device only"};
     int n = snprintf(current, sizeof current, "%s lower %.17g upper %.17g mask mode %d align %s\n", c->x->name,
                      c->lower, c->upper, c->mask_mode, c->align_end ? "end" : "start");
     for (int a = 0; a < NARGS && n < (int)sizeof current; a++) {
-        const buf_spec *b = &c->b[a];
+        const buf_plan *b = &c->b[a];
         n += snprintf(current + n, sizeof current - n, "  %-12s %-11s type %d/%d/%d dimensions %d:", arg_name[a],
                       modes[b->host_mode], b->type.code, b->type.bits, b->type.lanes, b->dimensions);
         for (int d = 0; d < b->dims && n < (int)sizeof current; d++)
@@ -351,7 +351,7 @@ typedef struct {
 
 /* Where the described samples of a buffer lie, as element offsets from the
  * sample at the mins.  Returns 0 when they do not fit 64 bits. */
-static int layout(const buf_spec *b, int64_t *lo, int64_t *hi, int64_t *samples, int64_t *rows) {
+static int layout(const buf_plan *b, int64_t *lo, int64_t *hi, int64_t *samples, int64_t *rows) {
     __int128 l = 0, h = 0, n = 1, r = 1;
     for (int d = 0; d < b->dims; d++) {
         if (b->extent[d] <= 0) {
@@ -400,18 +400,18 @@ static uint8_t rnd(void) {
 }
 
 /* The element offset of the sample at x = 0 of row `row` (y + z * extent[1]). */
-static int64_t row_offset(const buf_spec *b, int64_t row) {
+static int64_t row_offset(const buf_plan *b, int64_t row) {
     if (b->dims == 2) return row * b->stride[1];
     int64_t y = row % b->extent[1], z = row / b->extent[1];
     return y * b->stride[1] + z * b->stride[2];
 }
 
-static int64_t row_bytes(const storage *s, const buf_spec *b) {
+static int64_t row_bytes(const storage *s, const buf_plan *b) {
     return ((s->row_span < 0 ? -s->row_span : s->row_span) + 1) * b->elem;
 }
 
 /* Calls fn(start, end) on every accessible range of s. */
-static void each_range(const storage *s, const buf_spec *b, void (*fn)(uint8_t *, uint8_t *, void *), void *ctx) {
+static void each_range(const storage *s, const buf_plan *b, void (*fn)(uint8_t *, uint8_t *, void *), void *ctx) {
     if (!s->rows) return;
     if (!s->rows_only) {
         uint8_t *a = (uint8_t *)((uintptr_t)(s->host + s->lo * b->elem) / page * page);
@@ -431,7 +431,7 @@ static void each_range(const storage *s, const buf_spec *b, void (*fn)(uint8_t *
 
 /* Gives an accepted call's buffer its storage.  Returns 0 when it would
  * be too large to give. */
-static int map_storage(storage *s, const buf_spec *b, int output, int align_end) {
+static int map_storage(storage *s, const buf_plan *b, int output, int align_end) {
     memset(s, 0, sizeof *s);
     int64_t samples, rows;
     if (!layout(b, &s->lo, &s->hi, &samples, &rows)) return 0;
@@ -474,7 +474,7 @@ static void release(storage *s) {
 }
 
 /* Visits every described sample of b: fn(address). */
-static void each_sample(const buf_spec *b, uint8_t *host, void (*fn)(uint8_t *, void *), void *ctx) {
+static void each_sample(const buf_plan *b, uint8_t *host, void (*fn)(uint8_t *, void *), void *ctx) {
     for (int d = 0; d < b->dims; d++)
         if (b->extent[d] <= 0) return;
     const int32_t e2 = b->dims > 2 ? b->extent[2] : 1;
@@ -550,9 +550,9 @@ typedef struct {
 } descriptor;
 static uint8_t *dim_pages;
 
-static void make_descriptors(descriptor *dsc, const call_spec *c, uint8_t *const host[NARGS]) {
+static void make_descriptors(descriptor *dsc, const call_plan *c, uint8_t *const host[NARGS]) {
     for (int a = 0; a < NARGS; a++) {
-        const buf_spec *b = &c->b[a];
+        const buf_plan *b = &c->b[a];
         dsc[a].dim = (halide_dimension_t *)(dim_pages + (2 * a + 1) * page) - b->dims;
         memset(&dsc[a].buf, 0, sizeof dsc[a].buf);
         dsc[a].buf.type = b->type;
@@ -574,7 +574,7 @@ typedef struct {
     halide_dimension_t dim[3];
 } descriptor_copy;
 
-static void copy_descriptors(descriptor_copy *to, const descriptor *from, const call_spec *c) {
+static void copy_descriptors(descriptor_copy *to, const descriptor *from, const call_plan *c) {
     for (int a = 0; a < NARGS; a++) {
         memset(&to[a], 0, sizeof to[a]);
         to[a].buf = from[a].buf;
@@ -595,10 +595,10 @@ static void write_mask_byte(uint8_t *p, void *ctx) {
     *p = mode == 0 ? 1 : mode == 1 ? (r < 200 ? 1 : r < 230 ? 0 : r) : mode == 2 ? (r & 3 ? 1 : r >> 6) : 0;
 }
 
-static void fill_inputs(const call_spec *c, storage *s) {
+static void fill_inputs(const call_plan *c, storage *s) {
     rng_state = 0x9E3779B97F4A7C15ull ^ c->seed;
     for (int a = 0; a < OUT; a++) {
-        const buf_spec *b = &c->b[a];
+        const buf_plan *b = &c->b[a];
         if (!s[a].base) continue;
         /* Huge rows read as zeros: the pages stay the system's zero page. */
         if (!s[a].rows_only || s[a].rows * row_bytes(&s[a], b) <= STORAGE_BUDGET) {
@@ -606,13 +606,13 @@ static void fill_inputs(const call_spec *c, storage *s) {
             s[a].filled = 1;
         }
     }
-    const buf_spec *se = &c->b[SE];
+    const buf_plan *se = &c->b[SE];
     if (s[SE].filled) {
         int mode = c->mask_mode;
         each_sample(se, s[SE].host, write_mask_byte, &mode);
     }
     /* The pad values at minmax(0, 0) and (1, 0), where those are described. */
-    const buf_spec *mm = &c->b[MM];
+    const buf_plan *mm = &c->b[MM];
     if (s[MM].filled) {
         const double v[2] = {c->lower, c->upper};
         for (int i = 0; i < 2; i++) {
@@ -637,7 +637,7 @@ static void judge_output_range(uint8_t *a, uint8_t *e, void *ctx) {
         if (*p != CANARY) fail("write outside the output's samples, %td bytes from the sample at the mins", p - s->host);
 }
 
-static void judge_output(const call_spec *c, storage *s) {
+static void judge_output(const call_plan *c, storage *s) {
     int elem = c->b[OUT].elem;
     each_sample(&c->b[OUT], s->host, restore_canary, &elem);
     each_range(s, &c->b[OUT], judge_output_range, s);
@@ -656,8 +656,8 @@ static __int128 loops(const int32_t n[3], __int128 mask) {
     return planes + rows + rows * (n[0] > 0 ? n[0] : 0) * mask;
 }
 
-static __int128 work(const call_spec *c) {
-    const buf_spec *out = &c->b[OUT], *se = &c->b[SE];
+static __int128 work(const call_plan *c) {
+    const buf_plan *out = &c->b[OUT], *se = &c->b[SE];
     __int128 mask = 1;
     for (int d = 0; d < 3; d++) mask *= se->extent[d] > 1 ? se->extent[d] : 1;
     __int128 w = loops(out->extent, mask);
@@ -701,7 +701,7 @@ int LLVMFuzzerInitialize(int *argc, char ***argv) {
 }
 
 int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    call_spec c;
+    call_plan c;
     if (!decode(data, size, &c)) return -1;
     describe(&c);
     last_error[0] = '\0';
