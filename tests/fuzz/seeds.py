@@ -108,6 +108,12 @@ SEEDS["overflow-imopen-int32-image-offset"] = call("imopen_int32_avx2",
                                                                   mins=(-2147483596, -2147483596, 2147483516)),
                                                    strides=[1, 2147483639, 477], out_strides=[1, 2147483639, 477])
 
+# An opening with an element of extent 0 in dimension 1 whose output rows
+# pass 2^31: the pipeline refuses its intermediate after the frame let the
+# call through.
+SEEDS["refused-imopen-extent-0-rows-past-max"] = call("imopen_float32_avx2", box(16, 2, 1, mins=(0, 2147483645, 8)),
+                                                      (0, 0, 2), box(16, 8, 1, mins=(0, 2147483645, 9)))
+
 if __name__ == "__main__":
     corpus = os.path.join(HERE, "corpus")
     os.makedirs(corpus, exist_ok=True)
