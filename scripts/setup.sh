@@ -1,12 +1,15 @@
 #!/usr/bin/env bash
-# Installs everything the build, the tests and the demo need, from Debian's
-# packages.  Safe to run again: when every package is there it does nothing.
+# Installs everything the build, the tests, the sanitizer and fuzz runs and
+# the demo need, from Debian's packages.  Safe to run again: when every
+# package is there it does nothing.
 # With TM_BENCH=1 it adds what the benchmarks need (scripts/bench.sh); the
 # library and its tests never need those.
 set -euo pipefail
 
 packages=(cmake ninja-build g++ gcc make binutils pkg-config
           libhalide14-0-dev libtbb-dev googletest libgtest-dev
+          # the sanitizer and fuzz runs
+          clang libfuzzer-14-dev libclang-rt-14-dev
           # the Python package and its tests (scipy, scikit-image and OpenCV for
           # cross-checks only); the command-line tool's formats, dask, progress
           python3 python3-dev pybind11-dev python3-numpy python3-pytest

@@ -3,6 +3,7 @@
 // and a nested failure travels out through the outer loop.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <climits>
 #include <vector>
@@ -32,38 +33,40 @@ void expect_each_ran_once(const Plan &p) {
     for (size_t i = 0; i < p.ran.size(); i++) EXPECT_EQ(p.ran[i].load(), 1) << "iteration " << i;
 }
 
-TEST(Dispatch, AllSucceed) {
-    Plan p(1000, -37);
-    EXPECT_EQ(run(p), 0);
-    expect_each_ran_once(p);
-}
+// Every iteration runs exactly once, also after failures, and the loop
+// returns one of the failures (the last one stored wins) or 0.
+struct Failures {
+    const char *what;
+    int min, size;
+    std::vector<std::pair<int, int>> failing;  // iteration, its status
+};
 
-TEST(Dispatch, OneFailureAmongManyStillRunsEveryIteration) {
-    Plan p(100);
-    p.status[42] = -7;
-    EXPECT_EQ(run(p), -7);
-    expect_each_ran_once(p);
-}
+class Statuses : public testing::TestWithParam<Failures> {};
 
-TEST(Dispatch, TwoFailuresReportOneOfThem) {
+TEST_P(Statuses, EveryIterationRunsAndAFailureIsKept) {
+    const Failures &f = GetParam();
     for (int round = 0; round < 20; round++) {
-        Plan p(200);
-        p.status[3] = -7;
-        p.status[190] = -9;
-        int r = run(p);
-        EXPECT_TRUE(r == -7 || r == -9) << r;
+        Plan p(f.size, f.min);
+        for (auto [i, status] : f.failing) p.status[i] = status;
+        const int r = run(p);
+        if (f.failing.empty()) EXPECT_EQ(r, 0);
+        else EXPECT_TRUE(std::any_of(f.failing.begin(), f.failing.end(), [&](auto x) { return x.second == r; })) << r;
         expect_each_ran_once(p);
     }
 }
 
-TEST(Dispatch, SuccessAfterFailureDoesNotReset) {
-    // The failure comes first in index order; all later iterations succeed.
-    Plan p(500);
-    p.status[0] = -7;
-    EXPECT_EQ(run(p), -7);
-}
+INSTANTIATE_TEST_SUITE_P(Loops, Statuses,
+                         testing::Values(Failures{"AllSucceed", -37, 1000, {}},
+                                         Failures{"OneAmongMany", 0, 100, {{42, -7}}},
+                                         // The failure comes first in index order; later successes must not reset it.
+                                         Failures{"FirstOfMany", 0, 500, {{0, -7}}},
+                                         Failures{"TwoFailures", 0, 200, {{3, -7}, {190, -9}}}),
+                         [](const auto &i) { return std::string(i.param.what); });
 
-struct Range { int min, size; };
+struct Range {
+    const char *what;
+    int min, size;
+};
 class EmptyRange : public testing::TestWithParam<Range> {};
 
 int never(void *, int, uint8_t *) {
@@ -76,8 +79,10 @@ TEST_P(EmptyRange, RunsNothingAndSucceeds) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Ranges, EmptyRange,
-                         testing::Values(Range{0, 0}, Range{5, -1}, Range{-3, INT_MIN},
-                                         Range{INT_MAX, 1}, Range{INT_MAX - 5, 10}, Range{INT_MAX, INT_MAX}));
+                         testing::Values(Range{"Size0", 0, 0}, Range{"NegativeSize", 5, -1},
+                                         Range{"SizeIntMin", -3, INT_MIN}, Range{"EndWrapsByOne", INT_MAX, 1},
+                                         Range{"EndWraps", INT_MAX - 5, 10}, Range{"SizeIntMax", INT_MAX, INT_MAX}),
+                         [](const auto &i) { return std::string(i.param.what); });
 
 // A plane task that issues a nested loop over rows, as the pipelines do;
 // one row of one plane fails.

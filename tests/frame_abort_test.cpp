@@ -50,7 +50,10 @@ Outcome in_child(const std::function<int()> &body) {
     return o;
 }
 
+// A call with one fault and the line it prints; a call without a fault
+// (line null) runs to the end in the child.
 struct Failure {
+    const char *what;
     const char *exp;
     std::function<void(Call &)> mutate;
     const char *line;
@@ -68,6 +71,12 @@ TEST_P(DefaultHandler, PrintsOneLineAndAborts) {
         f.mutate(c);
         return t.real(c.arg[IM], c.arg[MM], c.arg[SE], c.arg[OUT]);
     });
+    if (!f.line) {
+        ASSERT_TRUE(WIFEXITED(o.status)) << "status " << o.status << ", output: " << o.out;
+        EXPECT_EQ(WEXITSTATUS(o.status), 0);
+        EXPECT_EQ(o.out, "");
+        return;
+    }
     ASSERT_TRUE(WIFSIGNALED(o.status)) << "exit status " << o.status << ", output: " << o.out;
     EXPECT_EQ(WTERMSIG(o.status), SIGABRT);
     EXPECT_EQ(o.out, f.line);
@@ -77,27 +86,17 @@ TEST_P(DefaultHandler, PrintsOneLineAndAborts) {
 INSTANTIATE_TEST_SUITE_P(
     SharedLibrary, DefaultHandler,
     ::testing::Values(
-        Failure{"imerode_uint8_none", [](Call &c) { c.arg[SE] = nullptr; }, "Error: Buffer argument strel is NULL\n"},
-        Failure{"imdilate_float32_avx2", [](Call &c) { c.dim(SE, 0).stride = 2; },
+        Failure{"NullStrel", "imerode_uint8_none", [](Call &c) { c.arg[SE] = nullptr; },
+                "Error: Buffer argument strel is NULL\n"},
+        Failure{"StrelStride", "imdilate_float32_avx2", [](Call &c) { c.dim(SE, 0).stride = 2; },
                 "Error: Constraint violated: strel.stride.0 (2) == 1 (1)\n"},
-        Failure{"imerode_uint8_none", [](Call &c) { c.set(OUT, 0, 0, 3); },
+        Failure{"NarrowOutput", "imerode_uint8_none", [](Call &c) { c.set(OUT, 0, 0, 3); },
                 "Error: Output buffer erode is accessed at -13, which is before the min (0) in dimension 0\n"},
-        Failure{"imdilate_bool_none", [](Call &c) { c.b[IM].b.type = type_of(1, 8); },
+        Failure{"BytesForBool", "imdilate_bool_none", [](Call &c) { c.b[IM].b.type = type_of(1, 8); },
                 "Error: Input buffer keyimForType has type uint1 but type of the buffer passed in is uint8\n"},
-        Failure{"imerode_int16_avx", [](Call &c) { c.b[OUT].b.host = nullptr, c.b[OUT].b.device = 1; },
-                "Error: The host pointer of Output buffer erode is null, but the pipeline will access it on the host.\n"}));
-
-// The same calls without a fault run to the end in the child.
-TEST(DefaultHandlerBaseline, CleanCallExits) {
-    Target t = target("imerode_uint8_none");
-    Outcome o = in_child([&] {
-        Call c;
-        c.standard(t.type);
-        return t.real(c.arg[IM], c.arg[MM], c.arg[SE], c.arg[OUT]);
-    });
-    ASSERT_TRUE(WIFEXITED(o.status));
-    EXPECT_EQ(WEXITSTATUS(o.status), 0);
-    EXPECT_EQ(o.out, "");
-}
+        Failure{"OutputOnDevice", "imerode_int16_avx", [](Call &c) { c.b[OUT].b.host = nullptr, c.b[OUT].b.device = 1; },
+                "Error: The host pointer of Output buffer erode is null, but the pipeline will access it on the host.\n"},
+        Failure{"NoFault", "imerode_uint8_none", [](Call &) {}, nullptr}),
+    [](const auto &info) { return std::string(info.param.what); });
 
 }  // namespace

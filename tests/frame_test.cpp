@@ -143,7 +143,8 @@ TEST_P(CheckSequence, FaultsAreReportedOneAfterAnother) {
 
 INSTANTIATE_TEST_SUITE_P(AllOperators, CheckSequence,
                          ::testing::Values("imerode_uint8_none", "imdilate_bool_avx2", "imopen_float32_avx",
-                                           "imclose_int16_none", "imtophat_float64_avx2", "imbothat_uint32_avx"));
+                                           "imclose_int16_none", "imtophat_float64_avx2", "imbothat_uint32_avx"),
+                         [](const auto &info) { return std::string(info.param); });
 
 // Single calls with their exact report; `what` is the test's name.
 struct Case {

@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Runs the whole test suite with AddressSanitizer and UBSan: builds ./build
+# as usual, then ./build-sanitize with the frame, the dispatch and the tests
+# instrumented, linking the pipelines of ./build (Halide's code, which is
+# not instrumented) instead of generating them again.
+set -euo pipefail
+root="$(cd "$(dirname "$0")/.." && pwd)"
+bash "$root/scripts/build.sh"
+out="$root/build-sanitize"
+cmake -S "$root" -B "$out" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+      -DTM_SANITIZE=ON -DTM_PIPELINES_FROM="$root/build"
+cmake --build "$out" -j "$(nproc)"
+cd "$out"
+# The abort of the default error handler is what some tests wait for, not a
+# fault; an allocation too large for the sanitizer's allocator returns NULL,
+# as the library expects of an allocator; every other report ends the test
+# that made it.
+export ASAN_OPTIONS="handle_abort=0:detect_leaks=1:allocator_may_return_null=1:strict_string_checks=1"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+ctest --output-on-failure -j "$(nproc)" --timeout 1800
