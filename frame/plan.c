@@ -235,6 +235,16 @@ static int make_plan(const tm_entry *e, const tm_view *v, plan *p) {
                     return refuse(&p->why, stage, d, (span){o + at, o + at + (d == 0 && p->wide ? L : 1) - 1},
                                   p->box_min[d], (int64_t)p->box_min[d] - 1);
                 }
+                if (!taps && is_empty(box) && !(e_d == 0 && n == 1)) {
+                    /* Without taps stage 2 reads nothing, yet the pipeline
+                     * still bounds its reads per dimension: x - r over an
+                     * empty range of r is [x0, x1 - 1] in a dimension of
+                     * extent 0, and the whole reach in the others.  Only an
+                     * empty box with such reads empty too (one output
+                     * sample here) can be handed over. */
+                    return refuse(&p->why, stage, d, (span){o, o + n - 1}, p->box_min[d],
+                                  (int64_t)p->box_min[d] - 1);
+                }
                 p->stage[d] = box;
                 p->window[d] = is_empty(inside) ? (span){box.lo, box.lo - 1} : inside;
                 img_reads = reach(ERODE, box, e_d, c);
