@@ -414,6 +414,14 @@ int tm_run_pipeline(const tm_entry *e, const tm_view v[4]) {
         }
     }
 
+    tm_walk_plan walk;
+    tm_plan_walk(e, v, p.wide, e->stage ? stdim[0].extent : 0, &walk);
+    call.by_taps = walk.by_taps;
+    call.by_box = walk.by_box;
+    call.by_planes = walk.by_planes;
+    call.tap_runs = &walk.buffer;
+    call.longest_run = walk.longest;
+
     void *block = NULL;
     if (e->stage) {
         block = halide_malloc(NULL, (size_t)(bytes + (uint64_t)e->bytes));
