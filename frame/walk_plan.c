@@ -24,7 +24,6 @@ enum { IM, MM, SE, OUT };
 /* Above this many bytes of rows per band task the direct walk is kept. */
 #define TM_MAX_BAND_BYTES ((int64_t)64 << 20)
 
-static int64_t min64(int64_t a, int64_t b) { return a < b ? a : b; }
 static int64_t max64(int64_t a, int64_t b) { return a > b ? a : b; }
 
 void tm_plan_walk(const tm_entry *e, const tm_view v[4], int wide, int32_t stage_width, tm_walk_plan *p) {
@@ -47,6 +46,8 @@ void tm_plan_walk(const tm_entry *e, const tm_view v[4], int wide, int32_t stage
         c[d] = tm_centre(se->extent[d]);
         if (ext[d] <= 0) return;
     }
+    /* A band task keeps TM_RING_ROWS rows: its band's and the reach. */
+    if (ext[1] > TM_RING_ROWS - TM_BAND_ROWS + 1) return;
 
     /* The runs, r2 outermost and r0 innermost, ascending, as the walk meets
      * the taps; and whether every byte of the box is a tap. */
@@ -78,11 +79,10 @@ void tm_plan_walk(const tm_entry *e, const tm_view v[4], int wide, int32_t stage
         }
     if (count == 0 || (!full && !fits)) return;
 
-    /* What a band task holds: the rows of its band and of the mask's
-     * reach, in every plane the mask reaches, a few times over (the rows,
-     * their folds). */
+    /* What a band task holds: TM_RING_ROWS rows in every plane the mask
+     * reaches, a few times over (the rows, their folds). */
     const int64_t width = max64(v[OUT].extent[0], stage_width) + ext[0] + block;
-    const int64_t ring = (TM_BAND_ROWS + ext[1] - 1) * ext[2] * width * e->bytes;
+    const int64_t ring = (int64_t)TM_RING_ROWS * ext[2] * width * e->bytes;
     if (ring > TM_MAX_BAND_BYTES) return;
 
     if (full) {

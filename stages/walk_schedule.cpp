@@ -20,79 +20,98 @@ constexpr int kFloatChunks = 4;
 // about what the blocks save; from 16 on the block walk is clearly faster.
 constexpr int kMinBlocksPerRow = 16;
 
+// Bands per band task, so that a plane has about this many band tasks.
+// A band task runs its bands in order and keeps the rows of all of them in
+// one block, taken when the task starts and released when it ends, folded
+// to kRingRows rows: each band writes its rows over those of the band
+// before it but the last ones it still reads.  A block freshly taken from
+// the allocator costs a page fault per page on first touch, so the blocks
+// taken per plane are kept to a few, enough for the plane's row tasks to
+// spread over the threads.
+constexpr int kTasksPerPlane = 4;
+
 // A Func computed once per band, over every row the band reads,
-// vectorized along dimension 0.
-void ring(Func f, Func out, const Var &yo, int L) {
-    f.compute_at(out, yo).vectorize(f.args()[0], L, TailStrategy::RoundUp);
+// vectorized along dimension 0, kept in the task's block.
+void ring(Func f, Func out, const Var &yo, const Var &yb, int L) {
+    f.store_at(out, yo).compute_at(out, yb).fold_storage(f.args()[1], kRingRows);
+    f.vectorize(f.args()[0], L, TailStrategy::RoundUp);
 }
 
 // A ring of folds: `fold` kept per source row, computed block by block of
 // K chunks (the last block moved back inwards, so nothing beyond the rows
 // the band reads is touched) from `walk`, whose fold over `r` runs with the
 // block's accumulators in registers.
-void folded_ring(Func fold, Func walk, const RDom &r, Func out, const Var &yo, int L) {
-    Var u = fold.args()[0], uo("uo"), ui("ui"), uk("uk");
-    fold.compute_at(out, yo)
+void folded_ring(Func fold, Func walk, const RDom &r, Func out, const Var &yo, const Var &yb, int L) {
+    Var u = fold.args()[0], uo("uo"), ui("ui");
+    fold.store_at(out, yo)
+        .compute_at(out, yb)
+        .fold_storage(fold.args()[1], kRingRows)
         .split(u, uo, ui, kBlockChunks * L, TailStrategy::ShiftInwards)
-        .split(ui, uk, ui, L)
-        .vectorize(ui)
-        .unroll(uk);
+        .vectorize(ui);
     walk.compute_at(fold, uo);
-    Var wu = walk.args()[0], wk("wk");
-    walk.split(wu, wk, wu, L).vectorize(wu).unroll(wk);
-    std::vector<VarOrRVar> order = {wu, wk};
+    Var wu = walk.args()[0];
+    walk.vectorize(wu, kBlockChunks * L);
+    std::vector<VarOrRVar> order = {wu};
     for (int i = 0; i < r.dimensions(); i++) order.push_back(r[i]);
-    walk.update().split(wu, wk, wu, L).vectorize(wu).unroll(wk).reorder(order);
+    walk.update().vectorize(wu, kBlockChunks * L).reorder(order);
 }
 
 // A walk computed per block of K chunks of `out`, its fold over `r`
 // outermost: every chunk of the block meets the taps in the walk's order.
+//
+// The block is one vector of K chunks' lanes, which the code generator
+// splits into K registers: their loads then differ by constants, where K
+// vectors of L lanes would each add their offset to a 32-bit index before
+// widening it to an address.
 void block_walk(Func walk, const RDom &r, Func out, const Var &xo, int L) {
     walk.compute_at(out, xo);
-    Var wx = walk.args()[0], wk("wk");
-    walk.split(wx, wk, wx, L).vectorize(wx).unroll(wk);
-    std::vector<VarOrRVar> order = {wx, wk};
+    Var wx = walk.args()[0];
+    walk.vectorize(wx, kBlockChunks * L);
+    std::vector<VarOrRVar> order = {wx};
     for (int i = 0; i < r.dimensions(); i++) order.push_back(r[i]);
-    walk.update().split(wx, wk, wx, L).vectorize(wx).unroll(wk).reorder(order);
+    walk.update().vectorize(wx, kBlockChunks * L).reorder(order);
 }
 
 }  // namespace
 
 void schedule_stage(Func out, Func walk, const Branch &b, const BandWalks *bands) {
     Var x = out.args()[0], y = out.args()[1], z = out.args()[2];
-    Var xo("xo"), xi("xi"), xk("xk"), yo("yo"), yi("yi");
+    Var xo("xo"), xi("xi"), xk("xk"), yo("yo"), yb("yb"), yi("yi");
     const int L = b.lanes, K = kBlockChunks;
     // Directives given before specialize() hold in every branch.
     out.parallel(z).parallel(y);
 
     if (bands) {
-        // Band tasks: y split into bands, the bands in parallel and the rows
-        // of a band in order, blocks of K chunks along x.
+        // Band tasks: y split into bands and the bands into band tasks; the
+        // tasks in parallel, a task's bands and a band's rows in order;
+        // blocks of K chunks along x.
+        Expr bands_per_plane = (out.output_buffer().dim(1).extent() + kBandRows - 1) / kBandRows;
+        Expr bands_per_task = max((bands_per_plane + kTasksPerPlane - 1) / kTasksPerPlane, 1);
         auto band_branch = [&](const Expr &cond) {
             out.specialize(cond)
-                .split(y, yo, yi, kBandRows, TailStrategy::GuardWithIf)
+                .split(y, yb, yi, kBandRows, TailStrategy::GuardWithIf)
+                .split(yb, yo, yb, bands_per_task, TailStrategy::GuardWithIf)
                 .parallel(yo)
+                .serial(yb)
                 .serial(yi)
                 .split(x, xo, xi, K * L, TailStrategy::ShiftInwards)
-                .split(xi, xk, xi, L)
-                .vectorize(xi)
-                .unroll(xk);
+                .vectorize(xi);
         };
         BandWalks w = *bands;
         if (w.copied) {
-            ring(w.rows, out, yo, L);
+            ring(w.rows, out, yo, yb, L);
             RVar co("co"), ci("ci");
             w.rows.update().split(w.copy.x, co, ci, L, TailStrategy::GuardWithIf).vectorize(ci);
         }
         band_branch(b.by_taps);
         block_walk(w.taps, w.taps_r, out, xo, L);
         band_branch(b.by_box);
-        folded_ring(w.row_fold, w.row_walk, w.row_r, out, yo, L);
+        folded_ring(w.row_fold, w.row_walk, w.row_r, out, yo, yb, L);
         block_walk(w.box, w.box_r, out, xo, L);
         if (w.plane_box.defined()) {
             band_branch(b.by_planes);
-            folded_ring(w.plane_fold, w.plane_walk, w.plane_r, out, yo, L);
-            folded_ring(w.plane_row_fold, w.plane_row_walk, w.plane_row_r, out, yo, L);
+            folded_ring(w.plane_fold, w.plane_walk, w.plane_r, out, yo, yb, L);
+            folded_ring(w.plane_row_fold, w.plane_row_walk, w.plane_row_r, out, yo, yb, L);
             block_walk(w.plane_box, w.plane_box_r, out, xo, L);
         }
     }

@@ -37,6 +37,12 @@ constexpr int kBlockChunks = 8;
 // that the rows move monotonically.)
 constexpr int kBandRows = 32;
 
+// Rows a band task keeps of every ring it writes out: a band's rows and
+// the mask's reach across rows.  The entry point takes a band walk only for
+// a mask that reaches no further (extent in dimension 1 at most
+// kRingRows - kBandRows + 1).
+constexpr int kRingRows = 64;
+
 struct Branch {
     Halide::Expr wide;  // the image is wider than one vector
     int lanes;          // L: the natural vector size of the element type

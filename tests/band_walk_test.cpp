@@ -38,6 +38,7 @@ const MaskCase kMasks[] = {
     {"random bytes across planes", {6, 4, 2}, [](int, int, int, std::mt19937 &r) -> uint8_t { return "\0\1\1\2"[r() % 4]; }},
     {"one tap off the centre", {5, 3, 2}, [](int i, int j, int k, std::mt19937 &) -> uint8_t { return i == 4 && j == 0 && k == 1; }},
     {"tall column: a band taller than 32 rows", {1, 23, 1}, one},
+    {"column of 40: more rows than a band task keeps: direct walk", {1, 40, 1}, one},
     {"checkerboard of more runs than the list holds: direct walk", {64, 34, 1},
      [](int i, int j, int, std::mt19937 &) -> uint8_t { return (i + j) % 2; }},
 };
