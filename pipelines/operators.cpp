@@ -101,6 +101,10 @@ StageWalk closing_walk(const Sources &s, Func stage) {
     Func imdilate = stored_stage(Walk::Dilate, s, pad_cast(s.lower, s.el), stage);
     Source src;
     src.f = imdilate;
+    for (int d = 0; d < 3; d++) {
+        src.min[d] = imdilate.output_buffer().dim(d).min();
+        src.extent[d] = imdilate.output_buffer().dim(d).extent();
+    }
     return stage_walk(Walk::Erode, s, imdilate, src, "imerode", output_vars());
 }
 

@@ -175,11 +175,12 @@ BandWalks band_walks(Walk w, const Source &src, const Strel &se, const Runs &run
     // run, so folding each source row along the run first and then the
     // rows' folds in the walk's order is the same walk grouped.  For
     // integers and bool the grouping cannot show.  For floating types the
-    // fold of a group keeps the walk's own operand order, so without NaN it
-    // gives the same bits (the smaller value wins, and of equal values the
-    // later one: associative); a NaN in a group decides everything before
-    // it, so the walk's state after that group is the group's own fold from
-    // the initial value, whatever came before.  The group's flag says so.
+    // fold of a group keeps the walk's own operand order, and without NaN
+    // it gives the same bits: the smaller value wins, and of equal values
+    // (+0 and -0) the later one, which is associative.  A NaN changes that
+    // (it wipes out what came before it), so an output row whose reach holds
+    // a NaN (`dirty`: in a source row it reads, or as the pad value) walks
+    // the mask tap by tap instead, as the tap walk does.
     //
     // A row's fold starts from its first sample rather than from the
     // initial value: the first combination would give that sample anyway
@@ -198,15 +199,37 @@ BandWalks band_walks(Walk w, const Source &src, const Strel &se, const Runs &run
     Expr hx = step(w, y, offset_of(b.box_r.x, se, 1)), hz = step(w, z, offset_of(b.box_r.y, se, 2));
     b.box(x, y, z) = init;
     if (el.is_float()) {
-        const Type flag = UInt(el.storage.bits());
-        auto nan_flag = [&](const Expr &e) { return select(is_nan(e), flag.max(), cast(flag, 0)); };
-        b.row_walk(u, v, wv) = Tuple(first, nan_flag(first));
-        b.row_walk(u, v, wv) = Tuple(combine(w, b.row_walk(u, v, wv)[0], s, el),
-                                     b.row_walk(u, v, wv)[1] | nan_flag(s));
+        b.row_walk(u, v, wv) = first;
+        b.row_walk(u, v, wv) = combine(w, b.row_walk(u, v, wv), s, el);
         b.row_fold(u, v, wv) = b.row_walk(u, v, wv);
-        Expr h = b.row_fold(x, hx, hz)[0];
-        Expr reset = b.row_fold(x, hx, hz)[1] != cast(flag, 0);
-        b.box(x, y, z) = strict_float(select(reset, h, combine(w, b.box(x, y, z), h, el)));
+
+        // The source rows that hold a NaN, inside the domain.
+        Expr last[3];
+        for (int d = 0; d < 3; d++) last[d] = src.min[d] + src.extent[d] - 1;
+        b.row_nan = Func(name + "_row_nan");
+        b.nan_r = RDom(src.min[0], src.extent[0], name + "_nan");
+        b.nan_r.where(v >= src.min[1] && v <= last[1] && wv >= src.min[2] && wv <= last[2]);
+        Expr sample = src.f(b.nan_r.x, unsafe_promise_clamped(v, src.min[1], last[1]),
+                            unsafe_promise_clamped(wv, src.min[2], last[2]));
+        b.row_nan(v, wv) = cast<uint8_t>(0);
+        b.row_nan(v, wv) = max(b.row_nan(v, wv), select(is_nan(sample), cast<uint8_t>(1), cast<uint8_t>(0)));
+        b.dirty = Func(name + "_dirty");
+        b.dirty(y, z) = src.pad.defined() ? select(is_nan(src.pad), cast<uint8_t>(1), cast<uint8_t>(0)) : cast<uint8_t>(0);
+        b.dirty(y, z) = max(b.dirty(y, z), b.row_nan(hx, hz));
+
+        RDom fast(-se.centre[1], se.extent[1], -se.centre[2], se.extent[2], name + "_box_fold");
+        fast.where(b.dirty(y, z) == 0);
+        Expr fhx = step(w, y, offset_of(fast.x, se, 1)), fhz = step(w, z, offset_of(fast.y, se, 2));
+        b.box(x, y, z) = combine(w, b.box(x, y, z), b.row_fold(x, fhx, fhz), el);
+        // By taps: the runs are the box's rows.
+        RDom slow(0, runs.longest, 0, runs.count, name + "_box_tap");
+        slow.where(slow.x < runs.list(1, slow.y));
+        slow.where(b.dirty(y, z) != 0);
+        Expr s0 = offset_of(runs.list(0, slow.y) + slow.x, se, 0);
+        Expr s1 = offset_of(runs.list(2, slow.y), se, 1), s2 = offset_of(runs.list(3, slow.y), se, 2);
+        b.box(x, y, z) = combine(w, b.box(x, y, z), b.rows(step(w, x, s0), step(w, y, s1), step(w, z, s2)), el);
+        b.box_r = fast;
+        b.box_taps_r = slow;
     } else {
         b.row_walk(u, v, wv) = first;
         b.row_walk(u, v, wv) = combine(w, b.row_walk(u, v, wv), s, el);

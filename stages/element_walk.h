@@ -86,7 +86,8 @@ Halide::Func element_walk(Walk w, const Halide::Func &source, const Strel &se,
 
 // A source as a band walk reads it: the Func, its domain (which may be
 // empty) and the value that stands beyond it.  Without a pad every read
-// lies inside and the rows are the source itself.
+// lies inside and the rows are the source itself; the domain is then what
+// the source holds.
 struct Source {
     Halide::Func f;
     Halide::Expr min[3], extent[3];
@@ -116,9 +117,14 @@ struct BandWalks {
     Halide::RDom taps_r;
     // A mask of ones filling its box: each source row folded along the
     // box's run (`row_walk` over `row_r`, kept in `row_fold`), then the
-    // folds of the box's rows and planes (`box`, over `box_r`).
+    // folds of the box's rows and planes (`box`, over `box_r`).  Floating
+    // types: an output row with a NaN in reach (`dirty`, from the source
+    // rows' `row_nan` over `nan_r`) walks the box by taps instead (the
+    // box's second update, over `box_taps_r`).
     Halide::Func row_walk, row_fold, box;
     Halide::RDom row_r, box_r;
+    Halide::Func row_nan, dirty;
+    Halide::RDom nan_r, box_taps_r;
     // The same for integer types, planes first: the planes a plane of the
     // output reads folded into one (`plane_fold`), then its rows
     // (`plane_row_fold`), then the rows' folds.

@@ -30,6 +30,12 @@ constexpr int kMinBlocksPerRow = 16;
 // spread over the threads.
 constexpr int kTasksPerPlane = 4;
 
+// The chunks of a block that make one vector of the code: the code
+// generator splits it into that many registers, whose loads then differ
+// by constants.  Wider vectors make it lose track of some registers' min
+// and max on the smaller types.
+constexpr int kVectorChunks = 4;
+
 // A Func computed once per band, over every row the band reads,
 // vectorized along dimension 0, kept in the task's block.
 void ring(Func f, Func out, const Var &yo, const Var &yb, int L) {
@@ -49,11 +55,11 @@ void folded_ring(Func fold, Func walk, const RDom &r, Func out, const Var &yo, c
         .split(u, uo, ui, kBlockChunks * L, TailStrategy::ShiftInwards)
         .vectorize(ui);
     walk.compute_at(fold, uo);
-    Var wu = walk.args()[0];
+    Var wu = walk.args()[0], wk("wk");
     walk.vectorize(wu, kBlockChunks * L);
-    std::vector<VarOrRVar> order = {wu};
+    std::vector<VarOrRVar> order = {wu, wk};
     for (int i = 0; i < r.dimensions(); i++) order.push_back(r[i]);
-    walk.update().vectorize(wu, kBlockChunks * L).reorder(order);
+    walk.update().split(wu, wk, wu, kVectorChunks * L).vectorize(wu).unroll(wk).reorder(order);
 }
 
 // A walk computed per block of K chunks of `out`, its fold over `r`
@@ -65,11 +71,11 @@ void folded_ring(Func fold, Func walk, const RDom &r, Func out, const Var &yo, c
 // widening it to an address.
 void block_walk(Func walk, const RDom &r, Func out, const Var &xo, int L) {
     walk.compute_at(out, xo);
-    Var wx = walk.args()[0];
+    Var wx = walk.args()[0], wk("wk");
     walk.vectorize(wx, kBlockChunks * L);
-    std::vector<VarOrRVar> order = {wx};
+    std::vector<VarOrRVar> order = {wx, wk};
     for (int i = 0; i < r.dimensions(); i++) order.push_back(r[i]);
-    walk.update().vectorize(wx, kBlockChunks * L).reorder(order);
+    walk.update().split(wx, wk, wx, kVectorChunks * L).vectorize(wx).unroll(wk).reorder(order);
 }
 
 }  // namespace
@@ -108,6 +114,21 @@ void schedule_stage(Func out, Func walk, const Branch &b, const BandWalks *bands
         band_branch(b.by_box);
         folded_ring(w.row_fold, w.row_walk, w.row_r, out, yo, yb, L);
         block_walk(w.box, w.box_r, out, xo, L);
+        if (w.dirty.defined()) {
+            // The NaN tests: per source row, once per band, as a vector
+            // of lanes folded at the end; per output row, over the rows it
+            // reads.  The rows a NaN sends back to the taps walk them in
+            // blocks like the rest.
+            w.row_nan.compute_at(out, yb);
+            w.row_nan.update().atomic().vectorize(w.nan_r.x, L);
+            w.dirty.compute_at(out, yi);
+            Var wx = w.box.args()[0], wk("wk");
+            w.box.update(1)
+                .split(wx, wk, wx, kVectorChunks * L)
+                .vectorize(wx)
+                .unroll(wk)
+                .reorder(wx, wk, w.box_taps_r.x, w.box_taps_r.y);
+        }
         if (w.plane_box.defined()) {
             band_branch(b.by_planes);
             folded_ring(w.plane_fold, w.plane_walk, w.plane_r, out, yo, yb, L);
