@@ -66,8 +66,7 @@ void morph(Morph m, const Volume &in, const Element &se, double pad, Volume &out
             kernels.push_back(k);
         }
     }
-    const double initial = m == Morph::Erode ? (in.type == Type::UInt8 ? 255.0 : HUGE_VAL)
-                                             : (in.type == Type::UInt8 ? 0.0 : -HUGE_VAL);
+    const double initial = m == Morph::Erode ? type_greatest(in.type) : type_least(in.type);
     if (kernels.empty()) {
         for (int z = 0; z < out.d; z++) out.plane(z).setTo(cv::Scalar::all(initial));
         return;

@@ -48,6 +48,82 @@ def ratio(a, b):
     return "%.2f" % (a / b) if a is not None and b else "-"
 
 
+def targets(runs, best, threads_all):
+    """The performance targets, each with its measured ratio and whether it
+    is met.  A ratio is a quotient of median times from this run."""
+
+    def t(op, typ, shape, element, level, threads):
+        key = "/".join([op, typ, shape, element, level, "threads:%d" % threads])
+        return runs[key]["seconds"] if key in runs else None
+
+    rows = []
+
+    def check(what, value, limit, at_most=True):
+        if value is None:
+            rows.append("| %s | - | %s %.2f | not measured |" % (what, "<=" if at_most else ">=", limit))
+            return
+        ok = value <= limit if at_most else value >= limit
+        rows.append("| %s | %.2f | %s %.2f | %s |" % (what, value, "<=" if at_most else ">=", limit,
+                                                      "met" if ok else "**missed**"))
+
+    def quotient(a, b):
+        return a / b if a is not None and b else None
+
+    big = "4096x4096"
+    for op in ("imerode", "imdilate"):
+        for typ, limit in (("uint8", 1.0), ("float32", 0.8)):
+            for element in ("square3", "disk5", "disk15"):
+                check("%s %s %s, 1 thread / OpenCV 1 thread" % (op, typ, element),
+                      quotient(t(op, typ, big, element, best, 1), t(op, typ, big, element, "opencv", 1)), limit)
+        for typ, limit in (("uint8", 1.0), ("float32", 2.0)):
+            check("%s %s square15, 1 thread / OpenCV 1 thread" % (op, typ),
+                  quotient(t(op, typ, big, "square15", best, 1), t(op, typ, big, "square15", "opencv", 1)), limit)
+        check("%s uint8 256^3 cube3, 1 thread / OpenCV plane by plane 1 thread" % op,
+              quotient(t(op, "uint8", "256x256x256", "cube3", best, 1),
+                       t(op, "uint8", "256x256x256", "cube3", "opencv", 1)), 1.0)
+        if threads_all > 1:
+            for typ in ("uint8", "float32"):
+                for element in ("square3", "disk5", "disk15", "square15"):
+                    check("%s %s %s, %d threads / OpenCV rows %d threads" % (op, typ, element, threads_all, threads_all),
+                          quotient(t(op, typ, big, element, best, threads_all),
+                                   t(op, typ, big, element, "opencv-rows", threads_all)), 1.0)
+                for element in ("disk5", "disk15"):
+                    check("%s %s %s, ours 1 thread / ours %d threads" % (op, typ, element, threads_all),
+                          quotient(t(op, typ, big, element, best, 1), t(op, typ, big, element, best, threads_all)),
+                          1.8, at_most=False)
+            check("%s uint8 256^3 cube3, %d threads / OpenCV plane by plane %d threads" % (op, threads_all, threads_all),
+                  quotient(t(op, "uint8", "256x256x256", "cube3", best, threads_all),
+                           t(op, "uint8", "256x256x256", "cube3", "opencv", threads_all)), 1.0)
+        check("%s uint8 512x512 disk5, 1 thread / OpenCV 1 thread" % op,
+              quotient(t(op, "uint8", "512x512", "disk5", best, 1), t(op, "uint8", "512x512", "disk5", "opencv", 1)),
+              1.5)
+        check("%s uint8 disk5, none / %s, 1 thread" % (op, best),
+              quotient(t(op, "uint8", big, "disk5", "none", 1), t(op, "uint8", big, "disk5", best, 1)), 1.7,
+              at_most=False)
+        for typ in ("uint8", "uint16", "int16", "float32"):
+            for element in ("square3", "disk5", "square15", "disk15"):
+                none, avx = t(op, typ, big, element, "none", 1), t(op, typ, big, element, "avx", 1)
+                if none is not None and avx is not None:
+                    check("%s %s %s, avx / none, 1 thread" % (op, typ, element), quotient(avx, none), 1.0)
+    check("imerode uint8 square3, 1 thread / memcpy of the image",
+          quotient(t("imerode", "uint8", big, "square3", best, 1), t("memcpy", "uint8", big, "-", "copy", 1)), 2.0)
+    for op in ("imopen", "imclose", "imtophat", "imbothat"):
+        for key, run in runs.items():
+            if run["op"] != op or run["level"] != best:
+                continue
+            stages = [t(s, run["type"], run["shape"], run["element"], best, run["threads"])
+                      for s in ("imerode", "imdilate")]
+            if None in stages:
+                continue
+            check("%s %s %s %s, %d threads / (imerode + imdilate)" % (op, run["type"], run["shape"], run["element"],
+                                                                    run["threads"]),
+                  run["seconds"] / sum(stages), 1.0)
+    header = ["\n## Targets\n",
+              "Each target as a quotient of median times from this run; *missed* marks one that is not met.\n",
+              "| target | measured | limit | |", "|---|---:|---:|---|"]
+    return header + rows
+
+
 def main(json_path, md_path, dat_path):
     ctx, runs, errors = load(json_path)
     best = ctx.get("best_level", "avx2")
@@ -102,6 +178,8 @@ def main(json_path, md_path, dat_path):
         cv1, cvn = get(one, "opencv"), get(one, "opencv-rows", threads_all) or get(one, "opencv", threads_all)
         out.append("| %s | %s | %s | %s | %s | %s | %s | %s |" % (
             key[0], key[1], key[2], key[3], ratio(none, top), ratio(none, avx), ratio(top, many), ratio(cv1, cvn)))
+
+    out.extend(targets(runs, best, threads_all))
 
     text = "\n".join(out) + "\n"
     with open(md_path, "w") as f:

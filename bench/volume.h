@@ -3,6 +3,7 @@
 // (three dimensions, extent 1 where unused) and as one cv::Mat per plane.
 #pragma once
 
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -16,11 +17,43 @@
 
 namespace tmbench {
 
-enum class Type { UInt8, Float32 };
+enum class Type { UInt8, UInt16, Int16, Float32 };
 
-inline const char *type_word(Type t) { return t == Type::UInt8 ? "uint8" : "float32"; }
-inline int cv_type(Type t) { return t == Type::UInt8 ? CV_8UC1 : CV_32FC1; }
-inline int type_bytes(Type t) { return t == Type::UInt8 ? 1 : 4; }
+inline const char *type_word(Type t) {
+    switch (t) {
+    case Type::UInt8: return "uint8";
+    case Type::UInt16: return "uint16";
+    case Type::Int16: return "int16";
+    case Type::Float32: return "float32";
+    }
+    return "";
+}
+inline int cv_type(Type t) {
+    switch (t) {
+    case Type::UInt8: return CV_8UC1;
+    case Type::UInt16: return CV_16UC1;
+    case Type::Int16: return CV_16SC1;
+    case Type::Float32: return CV_32FC1;
+    }
+    return -1;
+}
+inline int type_bytes(Type t) { return t == Type::UInt8 ? 1 : t == Type::Float32 ? 4 : 2; }
+inline halide_type_t halide_type_of(Type t) {
+    switch (t) {
+    case Type::UInt8: return halide_type_t(halide_type_uint, 8);
+    case Type::UInt16: return halide_type_t(halide_type_uint, 16);
+    case Type::Int16: return halide_type_t(halide_type_int, 16);
+    case Type::Float32: return halide_type_t(halide_type_float, 32);
+    }
+    return halide_type_t();
+}
+// The least and the greatest value of the type (the infinities for float32).
+inline double type_least(Type t) {
+    return t == Type::UInt8 || t == Type::UInt16 ? 0.0 : t == Type::Int16 ? -32768.0 : -HUGE_VAL;
+}
+inline double type_greatest(Type t) {
+    return t == Type::UInt8 ? 255.0 : t == Type::UInt16 ? 65535.0 : t == Type::Int16 ? 32767.0 : HUGE_VAL;
+}
 
 struct Volume {
     Type type;
@@ -37,7 +70,7 @@ struct Volume {
         dim[1] = halide_dimension_t(0, h, w);
         dim[2] = halide_dimension_t(0, d, w * h);
         buf.host = data.get();
-        buf.type = t == Type::UInt8 ? halide_type_t(halide_type_uint, 8) : halide_type_t(halide_type_float, 32);
+        buf.type = halide_type_of(t);
         buf.dimensions = 3;
         buf.dim = dim;
     }

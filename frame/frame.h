@@ -19,6 +19,10 @@ typedef struct {
     int wide;  /* the image is wider than L: rows are cut into chunks */
     /* Opening's window, in the pipeline's coordinates; may be empty. */
     int32_t window_min[3], window_extent[3];
+    /* The band walk chosen from the mask (see tm_plan_walk). */
+    int by_taps, by_box, by_planes;
+    halide_buffer_t *tap_runs;
+    int32_t longest_run;
 } tm_call;
 
 /* Each export's adapter from a tm_call to its compiled pipeline. */
@@ -64,6 +68,22 @@ static inline int32_t tm_max(int32_t a, int32_t b) { return a > b ? a : b; }
 /* The centre of the structuring element in one dimension, through float32:
  * beyond 2^24 the rounding of that conversion is part of the result. */
 int32_t tm_centre(int32_t extent);
+
+/* How the call's stages walk the mask (walk_plan.c): the band walk chosen,
+ * if any, and the mask's runs of taps in the walk's order (first r0,
+ * length, r1, r2), described for the pipeline. */
+#define TM_MAX_RUNS 1024
+typedef struct {
+    int by_taps, by_box, by_planes;
+    int32_t count, longest;
+    int32_t runs[TM_MAX_RUNS][4];
+    halide_dimension_t dim[2];
+    halide_buffer_t buffer;
+} tm_walk_plan;
+
+/* `stage_width`: the intermediate's extent in dimension 0 as the pipeline
+ * computes it (two-stage operators). */
+void tm_plan_walk(const tm_entry *e, const tm_view v[4], int wide, int32_t stage_width, tm_walk_plan *p);
 
 /* Runs the entry's pipeline on descriptors that passed every check (for a
  * two-stage operator: sizes, allocates and releases the intermediate).

@@ -6,6 +6,8 @@
 // usage: lanes OUTPUT.h TARGET_ARCH_OS LEVEL=FEATURES... -- TYPE=HALIDE_TYPE...
 #include "Halide.h"
 
+#include "../stages/walk_schedule.h"
+
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -28,6 +30,10 @@ int main(int argc, char **argv) {
     FILE *f = std::fopen(argv[1], "w");
     if (!f) { std::perror(argv[1]); return 1; }
     std::fprintf(f, "/* Generated at build time from Halide's natural vector sizes. */\n#pragma once\n");
+    // The band walks' blocks, in chunks: the frame takes a band walk only
+    // for rows at least one block wide.
+    std::fprintf(f, "#define TM_BLOCK_CHUNKS %d\n#define TM_BAND_ROWS %d\n#define TM_RING_ROWS %d\n", morph::kBlockChunks,
+                 morph::kBandRows, morph::kRingRows);
     for (auto &l : levels) {
         Halide::Target target(std::string(argv[2]) + "-" + l.second);
         for (auto &t : types) {

@@ -334,6 +334,7 @@ typedef struct {
     tm_call call;
     halide_buffer_t out, im, mm, se, stage;
     halide_dimension_t out_dim[3], im_dim[3], mm_dim[2], se_dim[3], stage_dim[3];
+    tm_walk_plan walk;
 } handover;
 
 /* Lays out the call for the pipeline; returns non-zero with the refusal in
@@ -455,6 +456,16 @@ int tm_run_pipeline(const tm_entry *e, const tm_view v[4]) {
      * operator still makes its one allocation. */
     handover h;
     const bool runs = !p.empty_output && make_plan(e, v, &p) == 0 && hand_over(e, v, &p, bytes, &h) == 0;
+
+    if (runs) {
+        /* How the stages walk the mask, read off it once for the call. */
+        tm_plan_walk(e, v, p.wide, e->stage ? h.stage_dim[0].extent : 0, &h.walk);
+        h.call.by_taps = h.walk.by_taps;
+        h.call.by_box = h.walk.by_box;
+        h.call.by_planes = h.walk.by_planes;
+        h.call.tap_runs = &h.walk.buffer;
+        h.call.longest_run = h.walk.longest;
+    }
 
     void *block = NULL;
     if (e->stage) {

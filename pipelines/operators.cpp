@@ -23,15 +23,48 @@ Func padded_image(const Sources &s, const Expr &pad) {
     return padded(image_samples(s.image, s.el), s.im_min, s.im_extent, pad, "padded");
 }
 
+// The image as a band walk reads it.
+Source image_source(const Sources &s, const Expr &pad) {
+    Source src;
+    src.f = image_samples(s.image, s.el);
+    for (int d = 0; d < 3; d++) src.min[d] = s.im_min[d], src.extent[d] = s.im_extent[d];
+    src.pad = pad;
+    return src;
+}
+
+// One walk of a stage, both ways: directly over the padded source (`direct`)
+// and as band walks over its rows (`bands`).  `value` is the walk's result
+// at the stage's coordinates, chosen by the entry point's flags.
+struct StageWalk {
+    Func direct;
+    BandWalks bands;
+    Expr value;
+};
+
+StageWalk stage_walk(Walk w, const Sources &s, const Func &padded_source, const Source &src,
+                     const std::string &name, const std::vector<Var> &at) {
+    StageWalk sw;
+    sw.direct = element_walk(w, padded_source, s.se, s.el, name, at);
+    sw.bands = band_walks(w, src, s.se, s.runs, s.el, name, at);
+    const Var &x = at[0], &y = at[1], &z = at[2];
+    Expr v = sw.direct(x, y, z);
+    if (sw.bands.plane_box.defined()) v = select(s.branch.by_planes, sw.bands.plane_box(x, y, z), v);
+    v = select(s.branch.by_box, sw.bands.box(x, y, z), v);
+    sw.value = select(s.branch.by_taps, sw.bands.taps(x, y, z), v);
+    return sw;
+}
+
+void finish_stage(StageWalk &sw, const Sources &s, Func of) { schedule_stage(of, sw.direct, s.branch, &sw.bands); }
+
 // Stage 1 of a two-stage operator: a walk over the padded image, stored
 // whole in the intermediate buffer.  The entry point sizes that buffer to
 // exactly what stage 2 reads (in the wide branch at least one chunk wide),
 // and the pipeline's own checks confirm that it covers it.
 Func stored_stage(Walk w, const Sources &s, const Expr &pad, Func stage) {
     const std::vector<Var> &at = image_vars();
-    Func acc = element_walk(w, padded_image(s, pad), s.se, s.el, stage.name() + "_chunk", at);
-    stage(at[0], at[1], at[2]) = acc(at[0], at[1], at[2]);
-    schedule_stage(stage, acc, s.branch);
+    StageWalk sw = stage_walk(w, s, padded_image(s, pad), image_source(s, pad), stage.name() + "_chunk", at);
+    stage(at[0], at[1], at[2]) = sw.value;
+    finish_stage(sw, s, stage);
     return stage;
 }
 
@@ -39,17 +72,40 @@ Func stored_stage(Walk w, const Sources &s, const Expr &pad, Func stage) {
 // whatever the image's mins, and bounded in dimension 2 by the image's
 // extent in dimension 1 for imopen, in dimension 2 for imtophat) and cuts
 // it to the intermediate's box.
-Func opening_walk(const Sources &s, Func stage) {
+StageWalk opening_walk(const Sources &s, Func stage) {
     Func imerode = stored_stage(Walk::Erode, s, pad_cast(s.upper, s.el), stage);
-    Func q = padded(imerode, s.window_min, s.window_extent, pad_cast(s.lower, s.el), "window", true);
-    return element_walk(Walk::Dilate, q, s.se, s.el, "imdilate", output_vars());
+    Expr lo = pad_cast(s.lower, s.el);
+    Func q = padded(imerode, s.window_min, s.window_extent, lo, "window", true);
+    // The band walks copy the window's rows.  The entry point keeps the
+    // window inside the intermediate's box whenever the element has taps;
+    // without taps it may reach beyond, but then no band walk runs, and the
+    // copy is kept to the box all the same.
+    Source src;
+    src.f = imerode;
+    for (int d = 0; d < 3; d++) {
+        Expr box_min = imerode.output_buffer().dim(d).min();
+        Expr box_last = box_min + imerode.output_buffer().dim(d).extent() - 1;
+        Expr first = max(s.window_min[d], box_min);
+        Expr last = min(s.window_min[d] + s.window_extent[d] - 1, box_last);
+        src.min[d] = first;
+        src.extent[d] = max(last - first + 1, 0);
+    }
+    src.pad = lo;
+    return stage_walk(Walk::Dilate, s, q, src, "imdilate", output_vars());
 }
 
 // Closing's intermediate reaches as far as stage 2 reads, unclipped, so the
-// second walk needs no test at all.
-Func closing_walk(const Sources &s, Func stage) {
+// second walk needs no test at all, and its band walks read the
+// intermediate's rows as they are.
+StageWalk closing_walk(const Sources &s, Func stage) {
     Func imdilate = stored_stage(Walk::Dilate, s, pad_cast(s.lower, s.el), stage);
-    return element_walk(Walk::Erode, imdilate, s.se, s.el, "imerode", output_vars());
+    Source src;
+    src.f = imdilate;
+    for (int d = 0; d < 3; d++) {
+        src.min[d] = imdilate.output_buffer().dim(d).min();
+        src.extent[d] = imdilate.output_buffer().dim(d).extent();
+    }
+    return stage_walk(Walk::Erode, s, imdilate, src, "imerode", output_vars());
 }
 
 }  // namespace
@@ -57,30 +113,34 @@ Func closing_walk(const Sources &s, Func stage) {
 void build(Op op, const Sources &s, Func out, Func stage) {
     const std::vector<Var> &xyz = output_vars();
     const Var &x = xyz[0], &y = xyz[1], &z = xyz[2];
-    Func acc;
+    StageWalk sw;
     switch (op) {
-    case Op::Erode:
-        acc = element_walk(Walk::Erode, padded_image(s, pad_cast(s.upper, s.el)), s.se, s.el, "imerode", xyz);
+    case Op::Erode: {
+        Expr pad = pad_cast(s.upper, s.el);
+        sw = stage_walk(Walk::Erode, s, padded_image(s, pad), image_source(s, pad), "imerode", xyz);
         break;
-    case Op::Dilate:
-        acc = element_walk(Walk::Dilate, padded_image(s, pad_cast(s.lower, s.el)), s.se, s.el, "imdilate", xyz);
+    }
+    case Op::Dilate: {
+        Expr pad = pad_cast(s.lower, s.el);
+        sw = stage_walk(Walk::Dilate, s, padded_image(s, pad), image_source(s, pad), "imdilate", xyz);
         break;
+    }
     case Op::Open:
-    case Op::TopHat: acc = opening_walk(s, stage); break;
+    case Op::TopHat: sw = opening_walk(s, stage); break;
     case Op::Close:
-    case Op::BotHat: acc = closing_walk(s, stage); break;
+    case Op::BotHat: sw = closing_walk(s, stage); break;
     }
 
     // The residues read the image once more, at the output's own
     // coordinates, with no clamp and no pad.
     Func samples = image_samples(s.image, s.el);
     if (op == Op::TopHat)
-        out(x, y, z) = residue(samples(x, y, z), acc(x, y, z), s.el, s.halves);
+        out(x, y, z) = residue(samples(x, y, z), sw.value, s.el, s.halves);
     else if (op == Op::BotHat)
-        out(x, y, z) = residue(acc(x, y, z), samples(x, y, z), s.el, s.halves);
+        out(x, y, z) = residue(sw.value, samples(x, y, z), s.el, s.halves);
     else
-        out(x, y, z) = acc(x, y, z);
-    schedule_stage(out, acc, s.branch);
+        out(x, y, z) = sw.value;
+    finish_stage(sw, s, out);
 }
 
 }  // namespace morph

@@ -24,6 +24,7 @@ struct Sources {
     // Opening's window in the pipeline's coordinates; it may be empty.
     Halide::Expr window_min[3], window_extent[3];
     Strel se;
+    Runs runs;  // the mask's runs of taps, for the band walks
     Element el;
     Branch branch;
     Halide::Expr halves;  // the residue's uint32 conversion by halves

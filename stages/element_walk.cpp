@@ -111,3 +111,156 @@ Func element_walk(Walk w, const Func &source, const Strel &se, const Element &el
 }
 
 }  // namespace morph
+
+// ---------------------------------------------------------------------------
+// Band walks
+
+namespace morph {
+
+namespace {
+
+// The coordinate a walk reads at offset r from its own coordinate c.
+Expr step(Walk w, const Expr &c, const Expr &r) { return w == Walk::Erode ? c + r : c - r; }
+
+// A value known to lie in [-c, e - 1 - c], an offset of dimension d: the
+// entry point built it from the mask, or it is a reduction variable over
+// that range, so the walk need not clamp it.  Every read of a band walk
+// goes through this: for a mask of extent 0 (the entry point then never
+// takes a band walk, but the definitions stand) the range is empty, and the
+// reads then bound nothing beyond what the direct walk bounds.
+Expr offset_of(const Expr &value, const Strel &se, int d) {
+    return unsafe_promise_clamped(value, -se.centre[d], se.extent[d] - 1 - se.centre[d]);
+}
+
+}  // namespace
+
+BandWalks band_walks(Walk w, const Source &src, const Strel &se, const Runs &runs, const Element &el,
+                     const std::string &name, const std::vector<Var> &at) {
+    const Var &x = at[0], &y = at[1], &z = at[2];
+    Var u("u"), v("v"), wv("w");
+    const Expr init = w == Walk::Erode ? el.greatest() : el.least();
+    BandWalks b;
+
+    // The rows, with the pad written out.  Every sample that the walk reads
+    // is either the pad (outside the domain in some dimension) or the
+    // source's own sample: what the padded source gives, without a test.
+    if (!src.pad.defined()) {
+        b.rows = src.f;
+    } else {
+        b.copied = true;
+        b.rows = Func(name + "_rows");
+        b.rows(u, v, wv) = src.pad;
+        Expr last[3];
+        for (int d = 0; d < 3; d++) last[d] = src.min[d] + src.extent[d] - 1;
+        b.copy = RDom(src.min[0], src.extent[0], name + "_copy");
+        b.copy.where(v >= src.min[1] && v <= last[1] && wv >= src.min[2] && wv <= last[2]);
+        // The row and plane are inside whenever the copy runs; the promise
+        // tells the bounds so (and bounds nothing for an empty domain).
+        Expr cv = unsafe_promise_clamped(v, src.min[1], last[1]);
+        Expr cw = unsafe_promise_clamped(wv, src.min[2], last[2]);
+        b.rows(b.copy.x, v, wv) = src.f(b.copy.x, cv, cw);
+    }
+
+    // Any mask: run by run, tap by tap, in the walk's order.
+    b.taps = Func(name + "_taps");
+    b.taps_r = RDom(0, runs.longest, 0, runs.count, name + "_tap");
+    RDom &t = b.taps_r;
+    t.where(t.x < runs.list(1, t.y));
+    Expr r0 = offset_of(runs.list(0, t.y) + t.x, se, 0);
+    Expr r1 = offset_of(runs.list(2, t.y), se, 1), r2 = offset_of(runs.list(3, t.y), se, 2);
+    b.taps(x, y, z) = init;
+    b.taps(x, y, z) = combine(w, b.taps(x, y, z), b.rows(step(w, x, r0), step(w, y, r1), step(w, z, r2)), el);
+
+    // A full box: the walk meets the box row by row, each row's taps in a
+    // run, so folding each source row along the run first and then the
+    // rows' folds in the walk's order is the same walk grouped.  For
+    // integers and bool the grouping cannot show.  For floating types the
+    // fold of a group keeps the walk's own operand order, and without NaN
+    // it gives the same bits: the smaller value wins, and of equal values
+    // (+0 and -0) the later one, which is associative.  A NaN changes that
+    // (it wipes out what came before it), so an output row whose reach holds
+    // a NaN (`dirty`: in a source row it reads, or as the pad value) walks
+    // the mask tap by tap instead, as the tap walk does.
+    //
+    // A row's fold starts from its first sample rather than from the
+    // initial value: the first combination would give that sample anyway
+    // (the initial value is the type's extreme, and for floating types an
+    // infinity, which a NaN or an equal sample replaces).
+    //
+    // Each fold is a walk of its own (`*_walk`), kept per source row in a
+    // ring (`*_fold`) for the band's later rows.
+    b.row_walk = Func(name + "_row_walk");
+    b.row_fold = Func(name + "_row_fold");
+    b.row_r = RDom(1 - se.centre[0], se.extent[0] - 1, name + "_row");
+    b.box = Func(name + "_box");
+    b.box_r = RDom(-se.centre[1], se.extent[1], -se.centre[2], se.extent[2], name + "_box");
+    Expr first = b.rows(step(w, u, offset_of(-se.centre[0], se, 0)), v, wv);
+    Expr s = b.rows(step(w, u, offset_of(b.row_r.x, se, 0)), v, wv);
+    Expr hx = step(w, y, offset_of(b.box_r.x, se, 1)), hz = step(w, z, offset_of(b.box_r.y, se, 2));
+    b.box(x, y, z) = init;
+    if (el.is_float()) {
+        b.row_walk(u, v, wv) = first;
+        b.row_walk(u, v, wv) = combine(w, b.row_walk(u, v, wv), s, el);
+        b.row_fold(u, v, wv) = b.row_walk(u, v, wv);
+
+        // The source rows that hold a NaN, inside the domain.
+        Expr last[3];
+        for (int d = 0; d < 3; d++) last[d] = src.min[d] + src.extent[d] - 1;
+        b.row_nan = Func(name + "_row_nan");
+        b.nan_r = RDom(src.min[0], src.extent[0], name + "_nan");
+        b.nan_r.where(v >= src.min[1] && v <= last[1] && wv >= src.min[2] && wv <= last[2]);
+        Expr sample = src.f(b.nan_r.x, unsafe_promise_clamped(v, src.min[1], last[1]),
+                            unsafe_promise_clamped(wv, src.min[2], last[2]));
+        b.row_nan(v, wv) = cast<uint8_t>(0);
+        b.row_nan(v, wv) = max(b.row_nan(v, wv), select(is_nan(sample), cast<uint8_t>(1), cast<uint8_t>(0)));
+        b.dirty = Func(name + "_dirty");
+        b.dirty(y, z) = src.pad.defined() ? select(is_nan(src.pad), cast<uint8_t>(1), cast<uint8_t>(0)) : cast<uint8_t>(0);
+        b.dirty(y, z) = max(b.dirty(y, z), b.row_nan(hx, hz));
+
+        RDom fast(-se.centre[1], se.extent[1], -se.centre[2], se.extent[2], name + "_box_fold");
+        fast.where(b.dirty(y, z) == 0);
+        Expr fhx = step(w, y, offset_of(fast.x, se, 1)), fhz = step(w, z, offset_of(fast.y, se, 2));
+        b.box(x, y, z) = combine(w, b.box(x, y, z), b.row_fold(x, fhx, fhz), el);
+        // By taps: the runs are the box's rows.
+        RDom slow(0, runs.longest, 0, runs.count, name + "_box_tap");
+        slow.where(slow.x < runs.list(1, slow.y));
+        slow.where(b.dirty(y, z) != 0);
+        Expr s0 = offset_of(runs.list(0, slow.y) + slow.x, se, 0);
+        Expr s1 = offset_of(runs.list(2, slow.y), se, 1), s2 = offset_of(runs.list(3, slow.y), se, 2);
+        b.box(x, y, z) = combine(w, b.box(x, y, z), b.rows(step(w, x, s0), step(w, y, s1), step(w, z, s2)), el);
+        b.box_r = fast;
+        b.box_taps_r = slow;
+    } else {
+        b.row_walk(u, v, wv) = first;
+        b.row_walk(u, v, wv) = combine(w, b.row_walk(u, v, wv), s, el);
+        b.row_fold(u, v, wv) = b.row_walk(u, v, wv);
+        b.box(x, y, z) = combine(w, b.box(x, y, z), b.row_fold(x, hx, hz), el);
+
+        // Planes first: min and max are associative and commutative on
+        // integers, so any grouping of the box gives the same value.  The
+        // planes an output plane reads are folded once per source row, then
+        // the rows as above.
+        b.plane_walk = Func(name + "_plane_walk");
+        b.plane_fold = Func(name + "_plane_fold");
+        b.plane_r = RDom(1 - se.centre[2], se.extent[2] - 1, name + "_plane");
+        b.plane_walk(u, v, wv) = b.rows(u, v, step(w, wv, offset_of(-se.centre[2], se, 2)));
+        b.plane_walk(u, v, wv) =
+            combine(w, b.plane_walk(u, v, wv), b.rows(u, v, step(w, wv, offset_of(b.plane_r.x, se, 2))), el);
+        b.plane_fold(u, v, wv) = b.plane_walk(u, v, wv);
+        b.plane_row_walk = Func(name + "_plane_row_walk");
+        b.plane_row_fold = Func(name + "_plane_row_fold");
+        b.plane_row_r = RDom(1 - se.centre[0], se.extent[0] - 1, name + "_plane_row");
+        b.plane_row_walk(u, v, wv) = b.plane_fold(step(w, u, offset_of(-se.centre[0], se, 0)), v, wv);
+        b.plane_row_walk(u, v, wv) = combine(w, b.plane_row_walk(u, v, wv),
+                                             b.plane_fold(step(w, u, offset_of(b.plane_row_r.x, se, 0)), v, wv), el);
+        b.plane_row_fold(u, v, wv) = b.plane_row_walk(u, v, wv);
+        b.plane_box = Func(name + "_plane_box");
+        b.plane_box_r = RDom(-se.centre[1], se.extent[1], name + "_plane_box");
+        b.plane_box(x, y, z) = init;
+        b.plane_box(x, y, z) = combine(w, b.plane_box(x, y, z),
+                                       b.plane_row_fold(x, step(w, y, offset_of(b.plane_box_r.x, se, 1)), z), el);
+    }
+    return b;
+}
+
+}  // namespace morph

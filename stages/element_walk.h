@@ -76,4 +76,66 @@ Halide::Func element_walk(Walk w, const Halide::Func &source, const Strel &se,
                           const Element &el, const std::string &name,
                           const std::vector<Halide::Var> &at);
 
+// ---------------------------------------------------------------------------
+// Band walks.  The same walk, reached another way: a row task takes a band
+// of output rows and first writes out, once per band row, the rows of the
+// source that the band reads, with the pad value already in place beyond
+// the domain.  The walk itself then reads nothing but plain rows: no clamp,
+// no test, no lane-by-lane load.  Which of the forms below runs is decided
+// by the entry point from the mask (walk_schedule.h).
+
+// A source as a band walk reads it: the Func, its domain (which may be
+// empty) and the value that stands beyond it.  Without a pad every read
+// lies inside and the rows are the source itself; the domain is then what
+// the source holds.
+struct Source {
+    Halide::Func f;
+    Halide::Expr min[3], extent[3];
+    Halide::Expr pad;  // undefined: every read lies inside
+};
+
+// The mask's taps as the entry point lists them: runs of adjacent taps
+// along dimension 0, in the walk's order.  runs(0, i) is the first offset
+// r0 of run i, runs(1, i) its length, runs(2, i) and runs(3, i) its r1 and
+// r2; `longest` is the longest run.
+struct Runs {
+    Halide::Func list;
+    Halide::Expr count, longest;
+};
+
+// Every Func and reduction domain of one stage's band walks, for the
+// schedule.  Forms a type cannot use stay undefined.
+struct BandWalks {
+    // The source's rows over the reach of the band, the pad written out:
+    // first the whole row is the pad, then the part inside the domain is
+    // copied over it (`copy`).  The source itself when it has no pad.
+    Halide::Func rows;
+    Halide::RDom copy;
+    bool copied = false;
+    // Any mask: the walk over the runs, tap by tap, from `rows`.
+    Halide::Func taps;
+    Halide::RDom taps_r;
+    // A mask of ones filling its box: each source row folded along the
+    // box's run (`row_walk` over `row_r`, kept in `row_fold`), then the
+    // folds of the box's rows and planes (`box`, over `box_r`).  Floating
+    // types: an output row with a NaN in reach (`dirty`, from the source
+    // rows' `row_nan` over `nan_r`) walks the box by taps instead (the
+    // box's second update, over `box_taps_r`).
+    Halide::Func row_walk, row_fold, box;
+    Halide::RDom row_r, box_r;
+    Halide::Func row_nan, dirty;
+    Halide::RDom nan_r, box_taps_r;
+    // The same for integer types, planes first: the planes a plane of the
+    // output reads folded into one (`plane_fold`), then its rows
+    // (`plane_row_fold`), then the rows' folds.
+    Halide::Func plane_walk, plane_fold, plane_row_walk, plane_row_fold, plane_box;
+    Halide::RDom plane_r, plane_row_r, plane_box_r;
+};
+
+// Builds the band walks of one stage.  The rows copy the source's whole
+// domain in dimension 0: the entry point cuts the image (and opening's
+// window) to what the call reads.
+BandWalks band_walks(Walk w, const Source &src, const Strel &se, const Runs &runs, const Element &el,
+                     const std::string &name, const std::vector<Halide::Var> &at);
+
 }  // namespace morph

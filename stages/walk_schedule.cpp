@@ -20,25 +20,133 @@ constexpr int kFloatChunks = 4;
 // about what the blocks save; from 16 on the block walk is clearly faster.
 constexpr int kMinBlocksPerRow = 16;
 
+// Bands per band task, so that a plane has about this many band tasks.
+// A band task runs its bands in order and keeps the rows of all of them in
+// one block, taken when the task starts and released when it ends, folded
+// to kRingRows rows: each band writes its rows over those of the band
+// before it but the last ones it still reads.  A block freshly taken from
+// the allocator costs a page fault per page on first touch, so the blocks
+// taken per plane are kept to a few, enough for the plane's row tasks to
+// spread over the threads.
+constexpr int kTasksPerPlane = 4;
+
+// The chunks of a block that make one vector of the code: the code
+// generator splits it into that many registers, whose loads then differ
+// by constants.  Wider vectors make it lose track of some registers' min
+// and max on the smaller types.
+constexpr int kVectorChunks = 4;
+
+// A Func computed once per band, over every row the band reads,
+// vectorized along dimension 0, kept in the task's block.
+void ring(Func f, Func out, const Var &yo, const Var &yb, int L) {
+    f.store_at(out, yo).compute_at(out, yb).fold_storage(f.args()[1], kRingRows);
+    f.vectorize(f.args()[0], L, TailStrategy::RoundUp);
+}
+
+// A ring of folds: `fold` kept per source row, computed block by block of
+// K chunks (the last block moved back inwards, so nothing beyond the rows
+// the band reads is touched) from `walk`, whose fold over `r` runs with the
+// block's accumulators in registers.
+void folded_ring(Func fold, Func walk, const RDom &r, Func out, const Var &yo, const Var &yb, int L) {
+    Var u = fold.args()[0], uo("uo"), ui("ui");
+    fold.store_at(out, yo)
+        .compute_at(out, yb)
+        .fold_storage(fold.args()[1], kRingRows)
+        .split(u, uo, ui, kBlockChunks * L, TailStrategy::ShiftInwards)
+        .vectorize(ui);
+    walk.compute_at(fold, uo);
+    Var wu = walk.args()[0], wk("wk");
+    walk.vectorize(wu, kBlockChunks * L);
+    std::vector<VarOrRVar> order = {wu, wk};
+    for (int i = 0; i < r.dimensions(); i++) order.push_back(r[i]);
+    walk.update().split(wu, wk, wu, kVectorChunks * L).vectorize(wu).unroll(wk).reorder(order);
+}
+
+// A walk computed per block of K chunks of `out`, its fold over `r`
+// outermost: every chunk of the block meets the taps in the walk's order.
+//
+// The block is one vector of K chunks' lanes, which the code generator
+// splits into K registers: their loads then differ by constants, where K
+// vectors of L lanes would each add their offset to a 32-bit index before
+// widening it to an address.
+void block_walk(Func walk, const RDom &r, Func out, const Var &xo, int L) {
+    walk.compute_at(out, xo);
+    Var wx = walk.args()[0], wk("wk");
+    walk.vectorize(wx, kBlockChunks * L);
+    std::vector<VarOrRVar> order = {wx, wk};
+    for (int i = 0; i < r.dimensions(); i++) order.push_back(r[i]);
+    walk.update().split(wx, wk, wx, kVectorChunks * L).vectorize(wx).unroll(wk).reorder(order);
+}
+
 }  // namespace
 
-void schedule_stage(Func out, Func walk, const Branch &b) {
+void schedule_stage(Func out, Func walk, const Branch &b, const BandWalks *bands) {
     Var x = out.args()[0], y = out.args()[1], z = out.args()[2];
-    Var xo("xo"), xi("xi"), xk("xk");
-    const int L = b.lanes;
+    Var xo("xo"), xi("xi"), xk("xk"), yo("yo"), yb("yb"), yi("yi");
+    const int L = b.lanes, K = kBlockChunks;
     // Directives given before specialize() hold in every branch.
     out.parallel(z).parallel(y);
+
+    if (bands) {
+        // Band tasks: y split into bands and the bands into band tasks; the
+        // tasks in parallel, a task's bands and a band's rows in order;
+        // blocks of K chunks along x.
+        Expr bands_per_plane = (out.output_buffer().dim(1).extent() + kBandRows - 1) / kBandRows;
+        Expr bands_per_task = max((bands_per_plane + kTasksPerPlane - 1) / kTasksPerPlane, 1);
+        auto band_branch = [&](const Expr &cond) {
+            out.specialize(cond)
+                .split(y, yb, yi, kBandRows, TailStrategy::GuardWithIf)
+                .split(yb, yo, yb, bands_per_task, TailStrategy::GuardWithIf)
+                .parallel(yo)
+                .serial(yb)
+                .serial(yi)
+                .split(x, xo, xi, K * L, TailStrategy::ShiftInwards)
+                .vectorize(xi);
+        };
+        BandWalks w = *bands;
+        if (w.copied) {
+            ring(w.rows, out, yo, yb, L);
+            RVar co("co"), ci("ci");
+            w.rows.update().split(w.copy.x, co, ci, L, TailStrategy::GuardWithIf).vectorize(ci);
+        }
+        band_branch(b.by_taps);
+        block_walk(w.taps, w.taps_r, out, xo, L);
+        band_branch(b.by_box);
+        folded_ring(w.row_fold, w.row_walk, w.row_r, out, yo, yb, L);
+        block_walk(w.box, w.box_r, out, xo, L);
+        if (w.dirty.defined()) {
+            // The NaN tests: per source row, once per band, as a vector
+            // of lanes folded at the end; per output row, over the rows it
+            // reads.  The rows a NaN sends back to the taps walk them in
+            // blocks like the rest.
+            w.row_nan.compute_at(out, yb);
+            w.row_nan.update().atomic().vectorize(w.nan_r.x, L);
+            w.dirty.compute_at(out, yi);
+            Var wx = w.box.args()[0], wk("wk");
+            w.box.update(1)
+                .split(wx, wk, wx, kVectorChunks * L)
+                .vectorize(wx)
+                .unroll(wk)
+                .reorder(wx, wk, w.box_taps_r.x, w.box_taps_r.y);
+        }
+        if (w.plane_box.defined()) {
+            band_branch(b.by_planes);
+            folded_ring(w.plane_fold, w.plane_walk, w.plane_r, out, yo, yb, L);
+            folded_ring(w.plane_row_fold, w.plane_row_walk, w.plane_row_r, out, yo, yb, L);
+            block_walk(w.plane_box, w.plane_box_r, out, xo, L);
+        }
+    }
 
     // The block branch: blocks of K chunks, the last one moved back inwards
     // like the last chunk; inside a block the element walk runs once with
     // the K chunks innermost, so that every chunk still meets the taps in
     // the walk's own order.  Only where the row holds enough whole blocks.
     const bool chained = walk.output_types()[0].is_float();
-    const int K = kFloatChunks;
-    Expr blocks = b.wide && out.output_buffer().dim(0).extent() >= kMinBlocksPerRow * K * L;
+    const int KF = kFloatChunks;
+    Expr blocks = b.wide && out.output_buffer().dim(0).extent() >= kMinBlocksPerRow * KF * L;
     if (chained) {
         out.specialize(blocks)
-            .split(x, xo, xi, K * L, TailStrategy::ShiftInwards)
+            .split(x, xo, xi, KF * L, TailStrategy::ShiftInwards)
             .split(xi, xk, xi, L)
             .vectorize(xi)
             .unroll(xk);

@@ -1,22 +1,54 @@
 // How a walk's loops are laid out.  Nothing here changes a value.
 //
 // Every stage is a Func over x, y, z whose planes and rows run as two
-// nested parallel loops (one task per plane, inside it one task per row);
-// along a row, the walk of one chunk (or, on a narrow image, one sample)
-// finishes with its accumulator in registers before the next one starts.
-// For the floating types, rows of at least 16 blocks walk a block of four
-// adjacent chunks at once instead: four accumulators in registers, one
-// test of each element byte for all four, every lane still meeting the taps
-// in the walk's own order.
+// nested parallel loops (one task per plane, inside it one task per row, or
+// per band of rows); along a row, the walk of one block of chunks (or, on a
+// narrow image, one sample) finishes with its accumulators in registers
+// before the next one starts.
+//
+// The direct walk (element_walk) reads the padded source in place: one
+// task per row, the row cut into chunks of L lanes, loop partitioning
+// leaving the tests out of the steady chunks.  For the floating types, rows
+// of at least 16 blocks walk a block of four adjacent chunks at once instead:
+// four accumulators in registers, one test of each element byte for all
+// four, every lane still meeting the taps in the walk's own order.
+//
+// The band walks (band_walks) run one task per band of rows: the task
+// writes out the rows its band reads (and their folds) and walks blocks of
+// chunks over them.
 #pragma once
 
 #include "Halide.h"
 
+#include "element_walk.h"
+
 namespace morph {
+
+// Chunks walked side by side in a band walk's block: that many
+// accumulators in registers, the walk's own bookkeeping paid once per block.
+// The entry point takes a band walk only for rows at least this many chunks
+// wide.
+constexpr int kBlockChunks = 8;
+
+// Output rows of one band task.  The task computes every row its band
+// reads, of the source and of its folds, once, then walks the band's rows.
+// (Halide's sliding window would interleave the two, a row at a time, but
+// the guard on a band's rows past the output's end keeps it from seeing
+// that the rows move monotonically.)
+constexpr int kBandRows = 32;
+
+// Rows a band task keeps of every ring it writes out: a band's rows and
+// the mask's reach across rows.  The entry point takes a band walk only for
+// a mask that reaches no further (extent in dimension 1 at most
+// kRingRows - kBandRows + 1).
+constexpr int kRingRows = 64;
 
 struct Branch {
     Halide::Expr wide;  // the image is wider than one vector
     int lanes;          // L: the natural vector size of the element type
+    // The band walk the entry point chose for the call, if any (at most one
+    // is true): the tap walk, the box walk, the box walk planes first.
+    Halide::Expr by_taps, by_box, by_planes;
 };
 
 // `out` is the stage's Func, an output of the pipeline (its buffer's width
@@ -24,7 +56,9 @@ struct Branch {
 // definitions are computed per chunk (or block) of `out`.  In the wide branch the row
 // is split by L with a shift-inwards tail, so every chunk is L full lanes
 // and a short last one moves back to end on the row's last sample; blocks
-// of chunks are split and moved back the same way.
-void schedule_stage(Halide::Func out, Halide::Func walk, const Branch &b);
+// of chunks are split and moved back the same way.  `bands`, where given,
+// are the stage's band walks: `out` selects among them and `walk` by the
+// branch's flags.
+void schedule_stage(Halide::Func out, Halide::Func walk, const Branch &b, const BandWalks *bands = nullptr);
 
 }  // namespace morph

@@ -92,9 +92,38 @@ struct Shape {
     }
 };
 
-// Fills an image with values that stress the type: extremes, and for the
-// floating types NaN, infinities and both zeros.
-inline void fill_image(Buf &im, const std::string &type, std::mt19937 &rng) {
+// How an image is filled: `Stress` with values that stress the type
+// (extremes, and for the floating types NaN, infinities and both zeros);
+// `Ties` with few distinct values and no NaN, so that equal samples meet
+// all the time (for the floating types +0 and -0 among them, whose order
+// shows in the result).
+enum class Fill { Stress, Ties };
+
+inline void fill_ties(Buf &im, const std::string &type, std::mt19937 &rng) {
+    const int n = int(im.store.size() / im.elem);
+    for (int i = 0; i < n; i++) {
+        uint8_t *p = im.store.data() + size_t(i) * im.elem;
+        if (type == "float32" || type == "float64") {
+            static const double values[] = {0.0, -0.0, 1.0, -1.0, 0.0, -0.0, std::numeric_limits<double>::infinity()};
+            double v = values[rng() % 7];
+            if (type == "float32") {
+                float f = float(v);
+                std::memcpy(p, &f, 4);
+            } else {
+                std::memcpy(p, &v, 8);
+            }
+        } else {
+            // Small values in the lowest byte, the type's own bytes above it
+            // all 0 or all 1: a few distinct values of either sign.
+            uint8_t low = uint8_t(rng() % 3), high = rng() % 2 ? 0xff : 0;
+            p[0] = low;
+            for (int k = 1; k < im.elem; k++) p[k] = high;
+        }
+    }
+}
+
+inline void fill_image(Buf &im, const std::string &type, std::mt19937 &rng, Fill fill = Fill::Stress) {
+    if (fill == Fill::Ties) return fill_ties(im, type, rng);
     im.fill_random(rng);
     if (type != "float32" && type != "float64") return;
     const int n = int(im.store.size() / im.elem);
@@ -156,14 +185,14 @@ inline bool frame_accepts(const Entry &e, Buf &im, Buf &mm, Buf &se, Buf &out) {
 // storage.  Returns false (with a failure recorded) on a mismatch.  A call
 // that the frame's own checks refuse (shapes at the ends of the 32-bit
 // range can make one) must be refused without a write.
-inline bool check_case(const Entry &e, const Shape &s, std::mt19937 &rng) {
+inline bool check_case(const Entry &e, const Shape &s, std::mt19937 &rng, Fill fill = Fill::Stress) {
     // The baseline level's vector loop converts uint32 to float32 by halves
     // in the residues; the wide branch runs every chunk in that loop.
     const bool uint32_halves = e.level == Level::None && s.im_extent[0] > e.lanes;
     const TypeInfo &ti = type_info(e.type);
     Buf im, mm, se, out;
     im.init_dense(ti.ht, ti.bytes, 3, s.im_min, s.im_extent, s.row_pad, s.plane_pad);
-    fill_image(im, e.type, rng);
+    fill_image(im, e.type, rng, fill);
     const int32_t mm_min[2] = {0, 0}, mm_ext[2] = {2, 1};
     mm.init_dense(halide_type_t(halide_type_float, 64), 8, 2, mm_min, mm_ext);
     std::memcpy(mm.at(0, 0), &s.lower, 8);

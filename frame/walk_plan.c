@@ -1,0 +1,101 @@
+/* Which walk a call's stages take, read off the mask once per call.
+ *
+ * The pipelines can reach the samples of the walk two ways: directly over
+ * the padded source (the only way on a narrow image), or by band walks,
+ * which first write out the source rows a band of output rows reads, pad
+ * included, and then walk those plain rows in blocks of chunks (see
+ * stages/walk_schedule.h).  For a band walk the frame lists the mask's taps
+ * as runs along dimension 0, in the walk's order, so that no task tests a
+ * mask byte; a mask whose bytes are all 1 over its whole box goes through
+ * the box walk, which folds rows and planes separately.
+ *
+ * A band walk needs rows at least one block wide (every stage of the call),
+ * and its rows are held per band task, so a mask with a very long reach
+ * across rows or planes keeps the direct walk, as does a mask with more
+ * runs than the list holds. */
+#include "frame.h"
+
+#include <string.h>
+
+#include "tm_lanes.h"
+
+enum { IM, MM, SE, OUT };
+
+/* Above this many bytes of rows per band task the direct walk is kept. */
+#define TM_MAX_BAND_BYTES ((int64_t)64 << 20)
+
+static int64_t max64(int64_t a, int64_t b) { return a > b ? a : b; }
+
+void tm_plan_walk(const tm_entry *e, const tm_view v[4], int wide, int32_t stage_width, tm_walk_plan *p) {
+    const tm_view *se = &v[SE];
+    memset(p, 0, sizeof *p);
+    /* The pipeline reads the list even when it walks directly: one dummy run. */
+    p->dim[0] = (halide_dimension_t){0, 4, 1, 0};
+    p->dim[1] = (halide_dimension_t){0, 0, 4, 0};
+    memset(&p->buffer, 0, sizeof p->buffer);
+    p->buffer.host = (uint8_t *)p->runs;
+    p->buffer.type = (struct halide_type_t){halide_type_int, 32, 1};
+    p->buffer.dimensions = 2;
+    p->buffer.dim = p->dim;
+
+    const int64_t block = (int64_t)TM_BLOCK_CHUNKS * e->lanes;
+    if (!wide || v[OUT].extent[0] < block || (e->stage && stage_width < block)) return;
+    int64_t ext[3], c[3];
+    for (int d = 0; d < 3; d++) {
+        ext[d] = se->extent[d];
+        c[d] = tm_centre(se->extent[d]);
+        if (ext[d] <= 0) return;
+    }
+    /* A band task keeps TM_RING_ROWS rows: its band's and the reach. */
+    if (ext[1] > TM_RING_ROWS - TM_BAND_ROWS + 1) return;
+
+    /* The runs, r2 outermost and r0 innermost, ascending, as the walk meets
+     * the taps; and whether every byte of the box is a tap. */
+    const uint8_t *bytes = (const uint8_t *)se->host;
+    int full = 1, fits = 1;
+    int32_t count = 0, longest = 0;
+    for (int64_t k2 = 0; k2 < ext[2]; k2++)
+        for (int64_t k1 = 0; k1 < ext[1]; k1++) {
+            const uint8_t *row = bytes + k1 * se->stride[1] + k2 * se->stride[2];
+            for (int64_t k0 = 0; k0 < ext[0];) {
+                if (row[k0 * se->stride[0]] != 1) {
+                    full = 0;
+                    k0++;
+                    continue;
+                }
+                int64_t first = k0;
+                while (k0 < ext[0] && row[k0 * se->stride[0]] == 1) k0++;
+                if (count == TM_MAX_RUNS) {
+                    fits = 0;
+                    continue;
+                }
+                p->runs[count][0] = (int32_t)(first - c[0]);
+                p->runs[count][1] = (int32_t)(k0 - first);
+                p->runs[count][2] = (int32_t)(k1 - c[1]);
+                p->runs[count][3] = (int32_t)(k2 - c[2]);
+                if (k0 - first > longest) longest = (int32_t)(k0 - first);
+                count++;
+            }
+        }
+    if (count == 0 || (!full && !fits)) return;
+
+    /* What a band task holds: TM_RING_ROWS rows in every plane the mask
+     * reaches, a few times over (the rows, their folds). */
+    const int64_t width = max64(v[OUT].extent[0], stage_width) + ext[0] + block;
+    const int64_t ring = (int64_t)TM_RING_ROWS * ext[2] * width * e->bytes;
+    if (ring > TM_MAX_BAND_BYTES) return;
+
+    if (full) {
+        /* Integers can fold the planes first (any grouping gives the same
+         * minimum); the floating types keep the walk's grouping. */
+        if (ext[2] > 1 && e->code != halide_type_float)
+            p->by_planes = 1;
+        else
+            p->by_box = 1;
+    } else {
+        p->by_taps = 1;
+    }
+    p->count = count;
+    p->longest = longest;
+    p->dim[1].extent = count;
+}
