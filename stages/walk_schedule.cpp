@@ -43,25 +43,6 @@ void ring(Func f, Func out, const Var &yo, const Var &yb, int L) {
     f.vectorize(f.args()[0], L, TailStrategy::RoundUp);
 }
 
-// A ring of folds: `fold` kept per source row, computed block by block of
-// K chunks (the last block moved back inwards, so nothing beyond the rows
-// the band reads is touched) from `walk`, whose fold over `r` runs with the
-// block's accumulators in registers.
-void folded_ring(Func fold, Func walk, const RDom &r, Func out, const Var &yo, const Var &yb, int L) {
-    Var u = fold.args()[0], uo("uo"), ui("ui");
-    fold.store_at(out, yo)
-        .compute_at(out, yb)
-        .fold_storage(fold.args()[1], kRingRows)
-        .split(u, uo, ui, kBlockChunks * L, TailStrategy::ShiftInwards)
-        .vectorize(ui);
-    walk.compute_at(fold, uo);
-    Var wu = walk.args()[0], wk("wk");
-    walk.vectorize(wu, kBlockChunks * L);
-    std::vector<VarOrRVar> order = {wu, wk};
-    for (int i = 0; i < r.dimensions(); i++) order.push_back(r[i]);
-    walk.update().split(wu, wk, wu, kVectorChunks * L).vectorize(wu).unroll(wk).reorder(order);
-}
-
 // A walk computed per block of K chunks of `out`, its fold over `r`
 // outermost: every chunk of the block meets the taps in the walk's order.
 //
@@ -76,6 +57,20 @@ void block_walk(Func walk, const RDom &r, Func out, const Var &xo, int L) {
     std::vector<VarOrRVar> order = {wx, wk};
     for (int i = 0; i < r.dimensions(); i++) order.push_back(r[i]);
     walk.update().split(wx, wk, wx, kVectorChunks * L).vectorize(wx).unroll(wk).reorder(order);
+}
+
+// A ring of folds: `fold` kept per source row, computed block by block of
+// K chunks (the last block moved back inwards, so nothing beyond the rows
+// the band reads is touched) from `walk`, whose fold over `r` runs with the
+// block's accumulators in registers.
+void folded_ring(Func fold, Func walk, const RDom &r, Func out, const Var &yo, const Var &yb, int L) {
+    Var u = fold.args()[0], uo("uo"), ui("ui");
+    fold.store_at(out, yo)
+        .compute_at(out, yb)
+        .fold_storage(fold.args()[1], kRingRows)
+        .split(u, uo, ui, kBlockChunks * L, TailStrategy::ShiftInwards)
+        .vectorize(ui);
+    block_walk(walk, r, fold, uo, L);
 }
 
 }  // namespace
