@@ -457,15 +457,6 @@ int tm_run_pipeline(const tm_entry *e, const tm_view v[4]) {
     handover h;
     const bool runs = !p.empty_output && make_plan(e, v, &p) == 0 && hand_over(e, v, &p, bytes, &h) == 0;
 
-    if (runs) {
-        /* How the stages walk the mask, read off it once for the call. */
-        tm_plan_walk(e, v, p.wide, e->stage ? h.stage_dim[0].extent : 0, &h.walk);
-        h.call.by_taps = h.walk.by_taps;
-        h.call.by_box = h.walk.by_box;
-        h.call.by_planes = h.walk.by_planes;
-        h.call.tap_runs = &h.walk.buffer;
-        h.call.longest_run = h.walk.longest;
-    }
 
     void *block = NULL;
     if (e->stage) {
@@ -477,6 +468,14 @@ int tm_run_pipeline(const tm_entry *e, const tm_view v[4]) {
         status = halide_error_access_out_of_bounds(NULL, p.why.label, p.why.d, p.why.lo, p.why.hi, p.why.vmin,
                                                    p.why.vmax);
     } else if (runs) {
+        /* How the stages walk the mask, read off it once for the call: the
+         * first read of any sample, made only once the call will run. */
+        tm_plan_walk(e, v, p.wide, e->stage ? h.stage_dim[0].extent : 0, &h.walk);
+        h.call.by_taps = h.walk.by_taps;
+        h.call.by_box = h.walk.by_box;
+        h.call.by_planes = h.walk.by_planes;
+        h.call.tap_runs = &h.walk.buffer;
+        h.call.longest_run = h.walk.longest;
         h.stage.host = (uint8_t *)block;
         status = e->run(&h.call);
     }

@@ -711,12 +711,24 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const export_info *x = c.x;
     const tm_entry stub = {.op = x->op, .output = x->output, .code = (uint8_t)x->code, .bits = (uint8_t)x->bits,
                            .bytes = x->bytes, .lanes = x->lanes, .run = stub_run, .stage = x->stage};
+    /* The frame reads the mask's bytes (to list its taps) when it hands a
+     * call on, and nothing else: the mask gets real storage here too. */
     uint8_t *dummy[NARGS] = {forbidden, forbidden, forbidden, forbidden};
+    storage mask_store;
+    memset(&mask_store, 0, sizeof mask_store);
+    if (c.b[SE].host_mode != HOST_DEVICE_ONLY && c.b[SE].host_mode != HOST_QUERY) {
+        int64_t lo, hi, se_samples, rows;
+        if (!layout(&c.b[SE], &lo, &hi, &se_samples, &rows) || se_samples > STREL_SAMPLE_LIMIT ||
+            !map_storage(&mask_store, &c.b[SE], 0, c.align_end))
+            return -1;
+        dummy[SE] = mask_store.host;
+    }
     descriptor dsc[NARGS];
     descriptor_copy given[NARGS], answered[NARGS];
     make_descriptors(dsc, &c, dummy);
     stub_calls = 0;
     const int stub_status = tm_frame(&stub, &dsc[IM].buf, &dsc[MM].buf, &dsc[SE].buf, &dsc[OUT].buf);
+    release(&mask_store);
     const int accepted = stub_calls > 0;
     copy_descriptors(answered, dsc, &c);
     if (live_blocks) fail("the frame left %d blocks allocated", live_blocks);
