@@ -29,6 +29,7 @@
  */
 #define _GNU_SOURCE
 #include <math.h>
+#include <pthread.h>
 #include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -493,15 +494,19 @@ typedef struct {
     uint8_t *base, *p;
     size_t len, size;
 } block;
-static block blocks[16];
+/* Band tasks take their blocks from several threads at once, so the table
+ * is shared under a lock; it holds the intermediate and a block per thread
+ * with room to spare. */
+static block blocks[64];
 static int live_blocks;
+static pthread_mutex_t blocks_lock = PTHREAD_MUTEX_INITIALIZER;
 
 /* Each block ends 0 to 31 bytes before an inaccessible page (the runtime
  * promises 32-byte alignment) and starts after one; the slack on both sides
  * holds the canary and is checked when the block is freed. */
 static void *guarded_malloc(void *uc, size_t size) {
     (void)uc;
-    if (size > INTERMEDIATE_BUDGET || live_blocks == (int)(sizeof blocks / sizeof blocks[0])) return NULL;
+    if (size > INTERMEDIATE_BUDGET) return NULL;
     const size_t body = round_up(size ? size : 1, 32), pages = round_up(body, page);
     block k = {NULL, NULL, pages + 2 * page, size};
     k.base = reserve(k.len);
@@ -510,24 +515,34 @@ static void *guarded_malloc(void *uc, size_t size) {
     k.p = k.base + page + pages - body;
     memset(k.base + page, CANARY, (size_t)(k.p - k.base - page));
     memset(k.p + size, CANARY, body - size);
-    blocks[live_blocks++] = k;
+    pthread_mutex_lock(&blocks_lock);
+    const int room = live_blocks < (int)(sizeof blocks / sizeof blocks[0]);
+    if (room) blocks[live_blocks++] = k;
+    pthread_mutex_unlock(&blocks_lock);
+    if (!room) {
+        munmap(k.base, k.len);
+        return NULL;
+    }
     return k.p;
 }
 
 static void guarded_free(void *uc, void *p) {
     (void)uc;
+    pthread_mutex_lock(&blocks_lock);
     for (int i = 0; i < live_blocks; i++) {
         block k = blocks[i];
         if (k.p != p) continue;
+        blocks[i] = blocks[--live_blocks];
+        pthread_mutex_unlock(&blocks_lock);
         const size_t body = round_up(k.size ? k.size : 1, 32), pages = round_up(body, page);
         for (uint8_t *q = k.base + page; q < k.p; q++)
             if (*q != CANARY) fail("write %td bytes before a block of %zu bytes", k.p - q, k.size);
         for (uint8_t *q = k.p + k.size; q < k.base + page + pages; q++)
             if (*q != CANARY) fail("write %td bytes after the end of a block of %zu bytes", q - k.p - k.size, k.size);
         munmap(k.base, k.len);
-        blocks[i] = blocks[--live_blocks];
         return;
     }
+    pthread_mutex_unlock(&blocks_lock);
     fail("free of a pointer that was not allocated: %p", p);
 }
 

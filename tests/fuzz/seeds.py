@@ -114,6 +114,11 @@ SEEDS["overflow-imopen-int32-image-offset"] = call("imopen_int32_avx2",
 SEEDS["refused-imopen-extent-0-rows-past-max"] = call("imopen_float32_avx2", box(16, 2, 1, mins=(0, 2147483645, 8)),
                                                       (0, 0, 2), box(16, 8, 1, mins=(0, 2147483645, 9)))
 
+# Band walks of many planes at once: each band task takes its own block
+# from the allocator, from several threads at the same time.
+SEEDS["threads-imerode-float64-band-blocks"] = call("imerode_float64_avx2", box(85, 16, 62), (5, 5, 5),
+                                                    box(85, 16, 62))
+
 if __name__ == "__main__":
     corpus = os.path.join(HERE, "corpus")
     os.makedirs(corpus, exist_ok=True)
