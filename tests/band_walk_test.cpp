@@ -5,7 +5,8 @@
 // mask with too many runs), on images whose row bands, blocks and borders
 // fall differently, with data that stresses the type and with data full of
 // ties (for the floating types +0 against -0, where the grouping of a walk
-// would show).
+// would show).  Floating boxes of up to 9 taps are walked by taps, so the
+// boxes meant for the box walk have more.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -27,9 +28,9 @@ uint8_t one(int, int, int, std::mt19937 &) { return 1; }
 const MaskCase kMasks[] = {
     {"3 x 3 box", {3, 3, 1}, one},
     {"1 x 1 box", {1, 1, 1}, one},
-    {"row of 7", {7, 1, 1}, one},
+    {"row of 11", {11, 1, 1}, one},
     {"column of 5", {1, 5, 1}, one},
-    {"4 x 2 box: even extents reach one way further", {4, 2, 1}, one},
+    {"6 x 2 box: even extents reach one way further", {6, 2, 1}, one},
     {"3 x 3 x 3 cube", {3, 3, 3}, one},
     {"2 x 3 x 2 box", {2, 3, 2}, one},
     {"5 x 5 box with a hole: taps", {5, 5, 1}, [](int i, int j, int, std::mt19937 &) -> uint8_t { return i == 2 && j == 2 ? 0 : 1; }},
