@@ -146,33 +146,6 @@ TEST_F(Allocation, FailedBandRowsReportLikeTheIntermediate) {
     }
 }
 
-// The size test is on the full product: the low 64 bits of this one are
-// below the limit, and they are what the report prints.
-TEST_F(Allocation, ClosingIntermediateBeyondSixtyFourBits) {
-    const int32_t extent[3] = {4, 4, 4}, se_extent[3] = {3, 3, 1};
-    const int32_t out_min[3] = {0, 0, 0}, out_extent[3] = {1 << 30, 1 << 30, 1 << 30};
-    for (auto &e : entries_of({"imclose"})) {
-        if (e.type != "uint8" || !e.cpu_has_level()) continue;
-        Call c("uint8", extent, se_extent);
-        // The output is never touched: give it a descriptor without storage
-        // behind its huge extents, but with a host pointer.
-        halide_dimension_t dim[3] = {{out_min[0], out_extent[0], 1}, {0, out_extent[1], 0}, {0, out_extent[2], 0}};
-        uint8_t sink[64];
-        halide_buffer_t out{};
-        out.host = sink;
-        out.type = halide_type_t(halide_type_uint, 8);
-        out.dimensions = 3;
-        out.dim = dim;
-        halide_messages().clear();
-        EXPECT_EQ(e.fn(&c.im.b, &c.mm.b, &c.se.b, &out), -5) << e.name;
-        EXPECT_EQ(halide_messages(),
-                  "Total allocation for buffer imdilate is 4611686022722355200, which exceeds the maximum size of "
-                  "9223372036854775807")
-            << e.name;
-        EXPECT_TRUE(g_alloc.sizes.empty());
-    }
-}
-
 // --- Residue arithmetic ---------------------------------------------------
 
 // Top-hat on an image whose min is 10: beyond the window (x >= W) every
