@@ -114,8 +114,8 @@ TEST_P(CheckSequence, FaultsAreReportedOneAfterAnother) {
     for (const auto &n : walk) {  // types
         Arg a = arg_of(n);
         halide_type_t wrong = a == MM ? type_of(2, 32) : a == SE ? type_of(0, 8)
-                              : t.type.code == 0 && t.type.bits == 16 ? type_of(1, 8) : type_of(0, 16);
-        std::string want = a == MM ? "float64" : a == SE ? "uint8" : type_text(t.type.code, t.type.bits);
+                              : t.type.ht.code == 0 && t.type.ht.bits == 16 ? type_of(1, 8) : type_of(0, 16);
+        std::string want = a == MM ? "float64" : a == SE ? "uint8" : type_text(t.type.ht.code, t.type.ht.bits);
         faults.push_back({[=](Call &c) { c.b[a].b.type = wrong; }, -3,
                           label(t, a) + " has type " + want + " but type of the buffer passed in is " +
                               type_text(wrong.code, wrong.bits)});

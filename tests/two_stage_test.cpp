@@ -9,6 +9,7 @@
 #include <limits>
 #include <mutex>
 
+#include "frame_call.h"
 #include "morph_case.h"
 
 namespace tmtest {
@@ -44,28 +45,6 @@ void logging_free(void *, void *p) {
     std::free(p);
 }
 
-// A plain call of one operator on dense buffers of any type, image and
-// output over the same box from `min` (0 by default), a mask of ones.
-struct Call {
-    Buf im, mm, se, out;
-    Call(const std::string &type, const int32_t extent[3], const int32_t se_extent[3], const int32_t *min = nullptr) {
-        const TypeInfo &ti = type_info(type);
-        const int32_t zero[3] = {0, 0, 0}, mm_ext[2] = {2, 1};
-        im.init_dense(ti.ht, ti.bytes, 3, min ? min : zero, extent);
-        out.init_dense(ti.ht, ti.bytes, 3, min ? min : zero, extent);
-        mm.init_dense(halide_type_t(halide_type_float, 64), 8, 2, zero, mm_ext);
-        se.init_dense(halide_type_t(halide_type_uint, 8), 1, 3, zero, se_extent);
-        std::fill(se.store.begin(), se.store.end(), 1);
-    }
-    void bounds(double lower, double upper) {
-        std::memcpy(mm.at(0, 0), &lower, 8);
-        std::memcpy(mm.at(1, 0), &upper, 8);
-    }
-    int run(int (*fn)(halide_buffer_t *, halide_buffer_t *, halide_buffer_t *, halide_buffer_t *)) {
-        return fn(&im.b, &mm.b, &se.b, &out.b);
-    }
-};
-
 class Allocation : public testing::Test {
 protected:
     void SetUp() override {
@@ -91,12 +70,12 @@ TEST_F(Allocation, OneBlockOfTheIntermediatesBoxPlusOneElement) {
         {"imclose", "uint8", 41821}, {"imclose", "float64", 334568},
         {"imtophat", "uint8", 40001}, {"imbothat", "float64", 334568},
     };
-    const int32_t extent[3] = {100, 80, 5}, se_extent[3] = {3, 3, 1};
     for (auto &r : rows) {
         for (auto &e : entries_of({r.op})) {
             if (e.type != r.type || !e.cpu_has_level()) continue;
             g_alloc = AllocLog{};
-            Call c(r.type, extent, se_extent);
+            Call c;
+            c.standard(type_info(r.type), 100, 80, 5);
             EXPECT_EQ(c.run(e.fn), 0) << e.name << ": " << halide_messages();
             ASSERT_GE(g_alloc.sizes.size(), 1u) << e.name;
             EXPECT_EQ(g_alloc.sizes[0], r.asked) << e.name;
@@ -107,13 +86,13 @@ TEST_F(Allocation, OneBlockOfTheIntermediatesBoxPlusOneElement) {
 }
 
 TEST_F(Allocation, FailedAllocationReportsAndWritesNothing) {
-    const int32_t extent[3] = {40, 6, 2}, se_extent[3] = {3, 3, 1};
     for (auto &e : entries_of({"imopen", "imclose", "imtophat", "imbothat"})) {
         if (!e.cpu_has_level()) continue;
-        Call c(e.type, extent, se_extent);
+        Call c;
+        c.standard(type_info(e.type), 40, 6, 2);
         std::mt19937 rng(5);
-        c.out.fill_random(rng);
-        std::vector<uint8_t> before = c.out.store;
+        c.b[OUT].fill_random(rng);
+        std::vector<uint8_t> before = c.b[OUT].store;
         // Only the intermediate's block fails: the report's own text buffer
         // comes from the same allocator.
         g_alloc = AllocLog{};
@@ -121,7 +100,7 @@ TEST_F(Allocation, FailedAllocationReportsAndWritesNothing) {
         halide_messages().clear();
         EXPECT_EQ(c.run(e.fn), -11) << e.name;
         EXPECT_EQ(halide_messages(), "Out of memory (halide_malloc returned NULL)") << e.name;
-        EXPECT_EQ(c.out.store, before) << e.name;
+        EXPECT_EQ(c.b[OUT].store, before) << e.name;
         EXPECT_EQ(g_alloc.frees, 1) << e.name << ": the report's text buffer, and nothing else";
     }
 }
@@ -133,8 +112,8 @@ TEST_F(Allocation, FailedBandRowsReportLikeTheIntermediate) {
     for (auto &e : all_entries()) {
         if (!e.cpu_has_level()) continue;
         const bool two_stage = e.op != "imerode" && e.op != "imdilate";
-        const int32_t extent[3] = {12 * 8 * e.lanes, 5, 2}, se_extent[3] = {3, 3, 1};
-        Call c(e.type, extent, se_extent);
+        Call c;
+        c.standard(type_info(e.type), 12 * 8 * e.lanes, 5, 2);
         g_alloc = AllocLog{};
         g_alloc.fail_at = two_stage ? 1 : 0;  // the first block after the intermediate
         g_alloc.fail = 1;
@@ -184,19 +163,22 @@ TEST_P(Residue, EdgesOfTheTypeThroughTopHat) {
     for (const ResidueRow &row : rows) {
         if (e.type != row.type) continue;
         for (int32_t width : {e.lanes, 3 * e.lanes + 1}) {
-            const int32_t min[3] = {10, 0, 0}, extent[3] = {width + 4, 1, 1}, se_extent[3] = {1, 1, 1};
-            Call c(e.type, extent, se_extent, min);
+            // One tap; image and output over 10 .. width + 13.
+            Call c;
+            c.standard(ti, width + 4, 1, 1);
+            c.set(SE, 0, 0, 1), c.set(SE, 1, 0, 1);
+            c.dim(IM, 0).min = c.dim(OUT, 0).min = 10;
             c.bounds(row.b, 0);
             uint8_t a_bytes[8];
             tmref::cast_bound(ti.ref, row.a, a_bytes);
-            for (int32_t x = 10; x < 10 + extent[0]; x++) std::memcpy(c.im.at(x), a_bytes, ti.bytes);
+            for (int32_t x = 10; x < width + 14; x++) std::memcpy(c.b[IM].at(x), a_bytes, ti.bytes);
             halide_messages().clear();
             ASSERT_EQ(c.run(e.fn), 0) << halide_messages();
             uint8_t r_bytes[8];
             tmref::cast_bound(ti.ref, row.r, r_bytes);
             // Samples at x >= W have their one tap outside the window.
-            for (int32_t x = std::max(10, extent[0]); x < 10 + extent[0]; x++)
-                EXPECT_EQ(std::memcmp(c.out.at(x), r_bytes, ti.bytes), 0)
+            for (int32_t x = std::max(10, width + 4); x < width + 14; x++)
+                EXPECT_EQ(std::memcmp(c.b[OUT].at(x), r_bytes, ti.bytes), 0)
                     << e.name << " R(" << row.a << ", " << row.b << ") at x " << x << " width " << width;
         }
     }

@@ -21,12 +21,6 @@
 namespace tmtest {
 namespace {
 
-const Entry &entry(const std::string &name) {
-    for (auto &e : all_entries())
-        if (e.name == name) return e;
-    throw std::runtime_error("no export " + name);
-}
-
 // A descriptor over a lazily backed mapping of everything it describes.
 struct Sparse {
     halide_buffer_t b{};
