@@ -51,13 +51,17 @@ protected:
         install_recording_handler();
         halide_messages().clear();
         g_alloc = AllocLog{};
-        halide_set_custom_malloc(logging_malloc);
-        halide_set_custom_free(logging_free);
+        previous_malloc_ = halide_set_custom_malloc(logging_malloc);
+        previous_free_ = halide_set_custom_free(logging_free);
     }
+    // Put back what was there: the runtime calls a null allocator, it does
+    // not fall back on its own.
     void TearDown() override {
-        halide_set_custom_malloc(nullptr);
-        halide_set_custom_free(nullptr);
+        halide_set_custom_malloc(previous_malloc_);
+        halide_set_custom_free(previous_free_);
     }
+    halide_malloc_t previous_malloc_ = nullptr;
+    halide_free_t previous_free_ = nullptr;
 };
 
 // One block per call, sized from the intermediate's box plus one element,
