@@ -84,7 +84,7 @@ TEST_P(Query, AnswersEveryBufferAndTheAnswerRuns) {
     EXPECT_EQ(invoke(t, c), 0);
     EXPECT_TRUE(reports().empty());
     EXPECT_EQ(stub().calls, 0);
-    const halide_type_t T = type_of(t.type.code, t.type.bits);
+    const halide_type_t T = t.type.ht;
     const Region se[3] = {{0, q.se[0], 1}, {0, q.se[1], q.se[0]}, {0, q.se[2], q.se[0] * q.se[1]}};
     const Region *want[4] = {q.want_im, kMinmax.at(t.name.substr(0, t.name.find('_'))).data(), se, q.want_out};
     const halide_type_t types[4] = {T, type_of(2, 64), type_of(1, 8), T};

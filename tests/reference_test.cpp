@@ -179,6 +179,9 @@ const RowCase kRows[] = {
     // outside the window, Lo.  Closing has no window.
     {Op::Open, {11, 12, 13}, 2, {1}, 5, 250, 0, {250, 250, 11, 5, 5, 5}, "open window from 0"},
     {Op::Close, {11, 12, 13}, 2, {1}, 5, 250, 0, {5, 5, 11, 12, 13, 5}, "close has no window"},
+    // The lower pad is a real neighbour of the border samples: a valley at
+    // the border, narrower than the element, fills up to it.
+    {Op::Close, {10, 60, 60, 60}, 0, {1, 1, 1}, 50, 255, 0, {50, 60, 60, 60}, "close fills a valley at the border"},
 };
 
 TEST(RowExamples, UInt8) {

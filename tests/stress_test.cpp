@@ -1,10 +1,13 @@
-// Eight threads calling the library at once, every export drawn at random,
-// all of them reading the same inputs: each result must be byte for byte
-// the result of the same call made alone.  A call keeps nothing between
-// calls and writes only its own output and intermediate, so anything shared
-// by mistake (a static, a block handed to two calls, a closure outliving
-// its loop) shows here as a difference.
+// The shared library under threads.  Its work runs on TBB workers, even
+// where the environment asks Halide's own pool for one thread.  And eight
+// threads calling it at once, every export drawn at random, all of them
+// reading the same inputs: each result must be byte for byte the result of
+// the same call made alone.  A call keeps nothing between calls and writes
+// only its own output and intermediate, so anything shared by mistake (a
+// static, a block handed to two calls, a closure outliving its loop) shows
+// here as a difference.
 #include <gtest/gtest.h>
+#include <tbb/task_scheduler_observer.h>
 
 #include <array>
 #include <atomic>
@@ -15,6 +18,34 @@
 
 namespace tmtest {
 namespace {
+
+// Counts the TBB worker threads that join the scheduler while it observes.
+struct WorkerCount : tbb::task_scheduler_observer {
+    std::atomic<int> workers{0};
+    WorkerCount() { observe(true); }
+    ~WorkerCount() { observe(false); }
+    void on_scheduler_entry(bool is_worker) override {
+        if (is_worker) workers++;
+    }
+};
+
+TEST(Library, WorkRunsOnTbbWorkers) {
+    if (tbb::this_task_arena::max_concurrency() < 2) GTEST_SKIP() << "one hardware thread: TBB has no workers";
+    // The runtime's own pool would read this; TBB never does.
+    setenv("HL_NUM_THREADS", "1", 1);
+    WorkerCount count;
+    const int32_t min[3] = {0, 0, 0}, extent[3] = {512, 256, 16}, se_extent[3] = {5, 5, 1};
+    const int32_t mm_min[2] = {0, 0}, mm_extent[2] = {2, 1};
+    Buf im, mm, se, out;
+    im.init_dense(halide_type_t(halide_type_uint, 8), 1, 3, min, extent);
+    out.init_dense(halide_type_t(halide_type_uint, 8), 1, 3, min, extent);
+    mm.init_dense(halide_type_t(halide_type_float, 64), 8, 2, mm_min, mm_extent);
+    se.init_dense(halide_type_t(halide_type_uint, 8), 1, 3, min, se_extent);
+    std::fill(se.store.begin(), se.store.end(), 1);
+    for (int round = 0; round < 20 && count.workers == 0; round++)
+        ASSERT_EQ(imerode_uint8_none(&im.b, &mm.b, &se.b, &out.b), 0);
+    EXPECT_GT(count.workers.load(), 0);
+}
 
 // The inputs of one element type and one shape, shared by every thread.
 struct Inputs {

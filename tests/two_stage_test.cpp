@@ -1,7 +1,6 @@
 // What is particular to the two-stage operators and the residues, through
 // the entry points on the static archive: the one allocation of a call and
-// its failures, the border behaviours that tell a correct pipeline from a
-// naive composition, and the residue arithmetic at its edges.
+// its failures, and the residue arithmetic at the edges of every type.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -10,6 +9,7 @@
 #include <limits>
 #include <mutex>
 
+#include "frame_call.h"
 #include "morph_case.h"
 
 namespace tmtest {
@@ -45,41 +45,23 @@ void logging_free(void *, void *p) {
     std::free(p);
 }
 
-// A plain call of one operator on dense uint8-like buffers of any type.
-struct Call {
-    Buf im, mm, se, out;
-    Call(const std::string &type, const int32_t extent[3], const int32_t se_extent[3],
-         const int32_t *out_min = nullptr, const int32_t *out_extent = nullptr) {
-        const TypeInfo &ti = type_info(type);
-        const int32_t zero[3] = {0, 0, 0}, mm_ext[2] = {2, 1};
-        im.init_dense(ti.ht, ti.bytes, 3, zero, extent);
-        out.init_dense(ti.ht, ti.bytes, 3, out_min ? out_min : zero, out_extent ? out_extent : extent);
-        mm.init_dense(halide_type_t(halide_type_float, 64), 8, 2, zero, mm_ext);
-        se.init_dense(halide_type_t(halide_type_uint, 8), 1, 3, zero, se_extent);
-        std::fill(se.store.begin(), se.store.end(), 1);
-    }
-    void bounds(double lower, double upper) {
-        std::memcpy(mm.at(0, 0), &lower, 8);
-        std::memcpy(mm.at(1, 0), &upper, 8);
-    }
-    int run(int (*fn)(halide_buffer_t *, halide_buffer_t *, halide_buffer_t *, halide_buffer_t *)) {
-        return fn(&im.b, &mm.b, &se.b, &out.b);
-    }
-};
-
 class Allocation : public testing::Test {
 protected:
     void SetUp() override {
         install_recording_handler();
         halide_messages().clear();
         g_alloc = AllocLog{};
-        halide_set_custom_malloc(logging_malloc);
-        halide_set_custom_free(logging_free);
+        previous_malloc_ = halide_set_custom_malloc(logging_malloc);
+        previous_free_ = halide_set_custom_free(logging_free);
     }
+    // Put back what was there: the runtime calls a null allocator, it does
+    // not fall back on its own.
     void TearDown() override {
-        halide_set_custom_malloc(nullptr);
-        halide_set_custom_free(nullptr);
+        halide_set_custom_malloc(previous_malloc_);
+        halide_set_custom_free(previous_free_);
     }
+    halide_malloc_t previous_malloc_ = nullptr;
+    halide_free_t previous_free_ = nullptr;
 };
 
 // One block per call, sized from the intermediate's box plus one element,
@@ -92,12 +74,12 @@ TEST_F(Allocation, OneBlockOfTheIntermediatesBoxPlusOneElement) {
         {"imclose", "uint8", 41821}, {"imclose", "float64", 334568},
         {"imtophat", "uint8", 40001}, {"imbothat", "float64", 334568},
     };
-    const int32_t extent[3] = {100, 80, 5}, se_extent[3] = {3, 3, 1};
     for (auto &r : rows) {
         for (auto &e : entries_of({r.op})) {
             if (e.type != r.type || !e.cpu_has_level()) continue;
             g_alloc = AllocLog{};
-            Call c(r.type, extent, se_extent);
+            Call c;
+            c.standard(type_info(r.type), 100, 80, 5);
             EXPECT_EQ(c.run(e.fn), 0) << e.name << ": " << halide_messages();
             ASSERT_GE(g_alloc.sizes.size(), 1u) << e.name;
             EXPECT_EQ(g_alloc.sizes[0], r.asked) << e.name;
@@ -108,13 +90,13 @@ TEST_F(Allocation, OneBlockOfTheIntermediatesBoxPlusOneElement) {
 }
 
 TEST_F(Allocation, FailedAllocationReportsAndWritesNothing) {
-    const int32_t extent[3] = {40, 6, 2}, se_extent[3] = {3, 3, 1};
     for (auto &e : entries_of({"imopen", "imclose", "imtophat", "imbothat"})) {
         if (!e.cpu_has_level()) continue;
-        Call c(e.type, extent, se_extent);
+        Call c;
+        c.standard(type_info(e.type), 40, 6, 2);
         std::mt19937 rng(5);
-        c.out.fill_random(rng);
-        std::vector<uint8_t> before = c.out.store;
+        c.b[OUT].fill_random(rng);
+        std::vector<uint8_t> before = c.b[OUT].store;
         // Only the intermediate's block fails: the report's own text buffer
         // comes from the same allocator.
         g_alloc = AllocLog{};
@@ -122,7 +104,7 @@ TEST_F(Allocation, FailedAllocationReportsAndWritesNothing) {
         halide_messages().clear();
         EXPECT_EQ(c.run(e.fn), -11) << e.name;
         EXPECT_EQ(halide_messages(), "Out of memory (halide_malloc returned NULL)") << e.name;
-        EXPECT_EQ(c.out.store, before) << e.name;
+        EXPECT_EQ(c.b[OUT].store, before) << e.name;
         EXPECT_EQ(g_alloc.frees, 1) << e.name << ": the report's text buffer, and nothing else";
     }
 }
@@ -134,8 +116,8 @@ TEST_F(Allocation, FailedBandRowsReportLikeTheIntermediate) {
     for (auto &e : all_entries()) {
         if (!e.cpu_has_level()) continue;
         const bool two_stage = e.op != "imerode" && e.op != "imdilate";
-        const int32_t extent[3] = {12 * 8 * e.lanes, 5, 2}, se_extent[3] = {3, 3, 1};
-        Call c(e.type, extent, se_extent);
+        Call c;
+        c.standard(type_info(e.type), 12 * 8 * e.lanes, 5, 2);
         g_alloc = AllocLog{};
         g_alloc.fail_at = two_stage ? 1 : 0;  // the first block after the intermediate
         g_alloc.fail = 1;
@@ -144,114 +126,6 @@ TEST_F(Allocation, FailedBandRowsReportLikeTheIntermediate) {
         EXPECT_NE(halide_messages().find("Out of memory (halide_malloc returned NULL)"), std::string::npos)
             << e.name << ": " << halide_messages();
         EXPECT_EQ(g_alloc.frees, int(g_alloc.sizes.size()) - g_alloc.failed) << e.name;
-    }
-}
-
-// The size test is on the full product: the low 64 bits of this one are
-// below the limit, and they are what the report prints.
-TEST_F(Allocation, ClosingIntermediateBeyondSixtyFourBits) {
-    const int32_t extent[3] = {4, 4, 4}, se_extent[3] = {3, 3, 1};
-    const int32_t out_min[3] = {0, 0, 0}, out_extent[3] = {1 << 30, 1 << 30, 1 << 30};
-    for (auto &e : entries_of({"imclose"})) {
-        if (e.type != "uint8" || !e.cpu_has_level()) continue;
-        Call c("uint8", extent, se_extent);
-        // The output is never touched: give it a descriptor without storage
-        // behind its huge extents, but with a host pointer.
-        halide_dimension_t dim[3] = {{out_min[0], out_extent[0], 1}, {0, out_extent[1], 0}, {0, out_extent[2], 0}};
-        uint8_t sink[64];
-        halide_buffer_t out{};
-        out.host = sink;
-        out.type = halide_type_t(halide_type_uint, 8);
-        out.dimensions = 3;
-        out.dim = dim;
-        halide_messages().clear();
-        EXPECT_EQ(e.fn(&c.im.b, &c.mm.b, &c.se.b, &out), -5) << e.name;
-        EXPECT_EQ(halide_messages(),
-                  "Total allocation for buffer imdilate is 4611686022722355200, which exceeds the maximum size of "
-                  "9223372036854775807")
-            << e.name;
-        EXPECT_TRUE(g_alloc.sizes.empty());
-    }
-}
-
-// --- Border behaviours ----------------------------------------------------
-
-// Reads one output sample as a double, whatever the type.
-double sample(Buf &b, const std::string &type, int32_t x, int32_t y = 0, int32_t z = 0) {
-    const uint8_t *p = b.at(x, y, z);
-    if (type == "uint8" || type == "bool") return *p;
-    if (type == "float32") { float f; std::memcpy(&f, p, 4); return f; }
-    double d; std::memcpy(&d, p, 8); return d;
-}
-
-// Closing at the border of one row.  A bright object at the edge stays
-// bright to the edge: the dilation runs on past the image and the erosion
-// reads it there.  A pad value above the image is a real neighbour of the
-// border samples: a valley next to the border, narrower than the element,
-// fills to it.  The bottom-hat is the closing less the image.
-struct BorderRow {
-    const char *what;
-    std::vector<uint8_t> image, closed;
-    double lower;
-};
-
-class Borders : public testing::TestWithParam<Entry> {};
-
-TEST_P(Borders, ClosingAtTheBorder) {
-    const Entry &e = GetParam();
-    if (!e.cpu_has_level()) GTEST_SKIP();
-    const BorderRow rows[] = {
-        {"constant row, wider than 3 vectors at every level", std::vector<uint8_t>(97, 200),
-         std::vector<uint8_t>(97, 200), 0},
-        {"valley at the border", {10, 60, 60, 60}, {50, 60, 60, 60}, 50},
-    };
-    for (const BorderRow &r : rows) {
-        const int32_t extent[3] = {int32_t(r.image.size()), 1, 1}, se_extent[3] = {3, 1, 1};
-        Call c("uint8", extent, se_extent);
-        std::memcpy(c.im.at(0), r.image.data(), r.image.size());
-        c.bounds(r.lower, 255);
-        ASSERT_EQ(c.run(e.fn), 0) << r.what;
-        for (int32_t x = 0; x < extent[0]; x++) {
-            const double closed = r.closed[size_t(x)], image = r.image[size_t(x)];
-            EXPECT_EQ(sample(c.out, "uint8", x), e.op == "imclose" ? closed : std::max(closed - image, 0.0))
-                << e.name << ", " << r.what << ", at " << x;
-        }
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(Closing, Borders, testing::ValuesIn([] {
-                             std::vector<Entry> r;
-                             for (auto &e : entries_of({"imclose", "imbothat"}))
-                                 if (e.type == "uint8") r.push_back(e);
-                             return r;
-                         }()),
-                         EntryName());
-
-// Opening's window is bounded in dimension 2 by the image's extent in
-// dimension 1; top-hat's by the extent in dimension 2.  On a volume with
-// more planes than rows the two part ways.
-TEST(Window, PlanesBeyondTheRowCount) {
-    const int32_t extent[3] = {20, 4, 9}, se_extent[3] = {1, 1, 1};
-    for (const char *level : {"none", "avx", "avx2"}) {
-        Entry open{}, tophat{};
-        for (auto &e : entries_of({"imopen", "imtophat"}))
-            if (e.type == "uint8" && e.level_word == level) (e.op == "imopen" ? open : tophat) = e;
-        if (!open.cpu_has_level()) continue;
-        Call o("uint8", extent, se_extent), t("uint8", extent, se_extent);
-        std::mt19937 rng(3);
-        o.im.fill_random(rng);
-        t.im.store = o.im.store;
-        o.bounds(7, 255);
-        t.bounds(7, 255);
-        ASSERT_EQ(o.run(open.fn), 0);
-        ASSERT_EQ(t.run(tophat.fn), 0);
-        for (int32_t z = 0; z < 9; z++)
-            for (int32_t x = 0; x < 20; x++) {
-                // A one-tap element opens to the image inside the window.
-                EXPECT_EQ(sample(o.out, "uint8", x, 2, z), z < 4 ? sample(o.im, "uint8", x, 2, z) : 7.0)
-                    << level << " z " << z;
-                EXPECT_EQ(sample(t.out, "uint8", x, 2, z), 0.0) << level << " z " << z;
-            }
     }
 }
 
@@ -266,7 +140,10 @@ struct ResidueRow {
     double a, b, r;
 };
 
-class Residue : public testing::TestWithParam<Entry> {};
+class Residue : public testing::TestWithParam<Entry> {
+protected:
+    void SetUp() override { install_recording_handler(); }
+};
 
 TEST_P(Residue, EdgesOfTheTypeThroughTopHat) {
     const Entry &e = GetParam();
@@ -290,28 +167,22 @@ TEST_P(Residue, EdgesOfTheTypeThroughTopHat) {
     for (const ResidueRow &row : rows) {
         if (e.type != row.type) continue;
         for (int32_t width : {e.lanes, 3 * e.lanes + 1}) {
-            const int32_t im_min[3] = {10, 0, 0}, extent[3] = {width + 4, 1, 1}, se_extent[3] = {1, 1, 1};
-            Buf im, mm, se, out;
-            im.init_dense(ti.ht, ti.bytes, 3, im_min, extent);
-            out.init_dense(ti.ht, ti.bytes, 3, im_min, extent);
-            const int32_t zero[3] = {0, 0, 0}, mm_ext[2] = {2, 1};
-            mm.init_dense(halide_type_t(halide_type_float, 64), 8, 2, zero, mm_ext);
-            se.init_dense(halide_type_t(halide_type_uint, 8), 1, 3, zero, se_extent);
-            *se.at(0) = 1;
-            const double lower = row.b, upper = 0;
-            std::memcpy(mm.at(0, 0), &lower, 8);
-            std::memcpy(mm.at(1, 0), &upper, 8);
+            // One tap; image and output over 10 .. width + 13.
+            Call c;
+            c.standard(ti, width + 4, 1, 1);
+            c.set(SE, 0, 0, 1), c.set(SE, 1, 0, 1);
+            c.dim(IM, 0).min = c.dim(OUT, 0).min = 10;
+            c.bounds(row.b, 0);
             uint8_t a_bytes[8];
             tmref::cast_bound(ti.ref, row.a, a_bytes);
-            for (int32_t x = 10; x < 10 + extent[0]; x++) std::memcpy(im.at(x), a_bytes, ti.bytes);
-            install_recording_handler();
+            for (int32_t x = 10; x < width + 14; x++) std::memcpy(c.b[IM].at(x), a_bytes, ti.bytes);
             halide_messages().clear();
-            ASSERT_EQ(e.fn(&im.b, &mm.b, &se.b, &out.b), 0) << halide_messages();
+            ASSERT_EQ(c.run(e.fn), 0) << halide_messages();
             uint8_t r_bytes[8];
             tmref::cast_bound(ti.ref, row.r, r_bytes);
             // Samples at x >= W have their one tap outside the window.
-            for (int32_t x = std::max(10, extent[0]); x < 10 + extent[0]; x++)
-                EXPECT_EQ(std::memcmp(out.at(x), r_bytes, ti.bytes), 0)
+            for (int32_t x = std::max(10, width + 4); x < width + 14; x++)
+                EXPECT_EQ(std::memcmp(c.b[OUT].at(x), r_bytes, ti.bytes), 0)
                     << e.name << " R(" << row.a << ", " << row.b << ") at x " << x << " width " << width;
         }
     }

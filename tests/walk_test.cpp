@@ -1,4 +1,4 @@
-// Erosion and dilation at every entry point against the scalar reference,
+// Every operator at every entry point against the scalar reference,
 // on random shapes chosen to cross every boundary the pipelines have: the
 // narrow/wide threshold, the shifted last chunk, outputs beyond the image,
 // negative mins, masks larger than the image, non-dense strides, pad
@@ -97,34 +97,6 @@ TEST_P(Walk, MatchesReferenceOnRandomShapes) {
 INSTANTIATE_TEST_SUITE_P(Entries, Walk,
                          testing::ValuesIn(entries_of({"imerode", "imdilate", "imopen", "imclose", "imtophat", "imbothat"})),
                          EntryName());
-
-// The three levels of one type agree bit for bit, NaN positions and signs
-// of zeros included: the same random calls through each level.
-class Levels : public testing::TestWithParam<std::string> {};
-
-TEST_P(Levels, AgreeBitForBit) {
-    for (const char *op : {"imerode", "imdilate"}) {
-        std::vector<Entry> same;
-        for (auto &e : entries_of({op}))
-            if (e.type == GetParam() && e.cpu_has_level()) same.push_back(e);
-        for (int i = 0; i < 12; i++) {
-            std::mt19937 shape_rng(1000 + i);
-            Shape s = random_shape(same.back(), shape_rng, i);
-            // Valid at every level: wide wherever the image exceeds that level's L.
-            for (auto &e : same)
-                if (s.im_extent[0] > e.lanes) s.out_extent[0] = std::max(s.out_extent[0], same.back().lanes);
-            for (auto &e : same) {
-                std::mt19937 data_rng(77 + i);
-                check_case(e, s, data_rng);
-            }
-        }
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(Types, Levels,
-                         testing::Values("bool", "uint8", "int8", "uint16", "int16", "uint32", "int32",
-                                         "float32", "float64"),
-                         [](const testing::TestParamInfo<std::string> &i) { return i.param; });
 
 }  // namespace
 }  // namespace tmtest

@@ -1,15 +1,41 @@
 // Every export of the library as a test parameter, read from the generated
 // list, with the facts a test needs: operator, element type, level, lane
-// count, and whether this processor can run it.
+// count, and whether this processor can run it; and the element types as
+// the descriptors carry them, written out here rather than taken from the
+// list, so that a wrong type in the list shows.
 #pragma once
 
+#include <map>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "reference.h"
 #include "tessmorphop3_halide.h"
 #include "tm_lanes.h"
 
 namespace tmtest {
+
+struct TypeInfo {
+    tmref::Type ref;
+    halide_type_t ht;
+    int bytes;
+};
+
+inline const TypeInfo &type_info(const std::string &w) {
+    static const std::map<std::string, TypeInfo> m = {
+        {"bool", {tmref::Type::Bool, halide_type_t(halide_type_uint, 1), 1}},
+        {"uint8", {tmref::Type::UInt8, halide_type_t(halide_type_uint, 8), 1}},
+        {"int8", {tmref::Type::Int8, halide_type_t(halide_type_int, 8), 1}},
+        {"uint16", {tmref::Type::UInt16, halide_type_t(halide_type_uint, 16), 2}},
+        {"int16", {tmref::Type::Int16, halide_type_t(halide_type_int, 16), 2}},
+        {"uint32", {tmref::Type::UInt32, halide_type_t(halide_type_uint, 32), 4}},
+        {"int32", {tmref::Type::Int32, halide_type_t(halide_type_int, 32), 4}},
+        {"float32", {tmref::Type::Float32, halide_type_t(halide_type_float, 32), 4}},
+        {"float64", {tmref::Type::Float64, halide_type_t(halide_type_float, 64), 8}},
+    };
+    return m.at(w);
+}
 
 enum class Level { None, Avx, Avx2 };
 
@@ -53,6 +79,12 @@ inline std::vector<Entry> entries_of(const std::vector<std::string> &ops) {
         for (auto &o : ops)
             if (e.op == o) r.push_back(e);
     return r;
+}
+
+inline const Entry &entry(const std::string &name) {
+    for (auto &e : all_entries())
+        if (e.name == name) return e;
+    throw std::invalid_argument("no export " + name);
 }
 
 struct EntryName {

@@ -32,27 +32,6 @@ inline bool install_recording_handler() {
     return true;
 }
 
-struct TypeInfo {
-    tmref::Type ref;
-    halide_type_t ht;
-    int bytes;
-};
-
-inline const TypeInfo &type_info(const std::string &w) {
-    static const std::map<std::string, TypeInfo> m = {
-        {"bool", {tmref::Type::Bool, halide_type_t(halide_type_uint, 1), 1}},
-        {"uint8", {tmref::Type::UInt8, halide_type_t(halide_type_uint, 8), 1}},
-        {"int8", {tmref::Type::Int8, halide_type_t(halide_type_int, 8), 1}},
-        {"uint16", {tmref::Type::UInt16, halide_type_t(halide_type_uint, 16), 2}},
-        {"int16", {tmref::Type::Int16, halide_type_t(halide_type_int, 16), 2}},
-        {"uint32", {tmref::Type::UInt32, halide_type_t(halide_type_uint, 32), 4}},
-        {"int32", {tmref::Type::Int32, halide_type_t(halide_type_int, 32), 4}},
-        {"float32", {tmref::Type::Float32, halide_type_t(halide_type_float, 32), 4}},
-        {"float64", {tmref::Type::Float64, halide_type_t(halide_type_float, 64), 8}},
-    };
-    return m.at(w);
-}
-
 inline tmref::Op ref_op(const std::string &op) {
     static const std::map<std::string, tmref::Op> m = {
         {"imerode", tmref::Op::Erode},   {"imdilate", tmref::Op::Dilate}, {"imopen", tmref::Op::Open},

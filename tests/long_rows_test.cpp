@@ -1,0 +1,174 @@
+// Long rows at every entry point against the scalar reference.  Rows at
+// least one block wide go to the band walks, chosen by the mask: each mask
+// below aims at one of them (the tap walk over runs, the box walk, the box
+// walk planes first, and the direct walk kept for a mask with too many
+// runs), on images whose row bands, blocks and borders fall differently,
+// with data that stresses the type and with data full of ties (for the
+// floating types +0 against -0, where the grouping of a walk would show).
+// Floating boxes of up to 9 taps are walked by taps, so the boxes meant for
+// the box walk have more.
+// Rows of 64 vectors and more run the floating types through blocks of
+// chunks walked side by side, whose last block moves back inwards and whose
+// border blocks are tested whole: each row case puts a boundary of that
+// layout somewhere else in the row.
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "morph_case.h"
+
+namespace tmtest {
+namespace {
+
+// The output around the image: it starts before[d] samples ahead of the
+// image and ends after[d] past it in dimensions 0 and 1 (negative counts
+// stay inside), over the image's planes.  Residues read the image at the
+// output's own coordinates, so theirs never leaves it.  Rows and planes of
+// both buffers are padded, so that neither is dense beyond dimension 0.
+void place_output(const Entry &e, Shape &s, const int32_t before[2], const int32_t after[2]) {
+    const bool residue = e.op == "imtophat" || e.op == "imbothat";
+    for (int d = 0; d < 3; d++) {
+        const int32_t b = d == 2 ? 0 : residue ? std::min(before[d], 0) : before[d];
+        const int32_t a = d == 2 ? 0 : residue ? std::min(after[d], 0) : after[d];
+        s.out_min[d] = s.im_min[d] - b;
+        s.out_extent[d] = s.im_extent[d] + b + a;
+    }
+    s.row_pad = 5, s.plane_pad = 2, s.out_row_pad = 3, s.out_plane_pad = 1;
+}
+
+void random_bounds(const Entry &e, Shape &s, std::mt19937 &rng) {
+    s.lower = random_bound(e.type, rng);
+    s.upper = random_bound(e.type, rng);
+}
+
+const std::vector<Entry> kEntries =
+    entries_of({"imerode", "imdilate", "imopen", "imclose", "imtophat", "imbothat"});
+
+// A mask of extents e0 x e1 x e2 from a rule on its coordinates.
+struct MaskCase {
+    const char *what;
+    int32_t e[3];
+    std::function<uint8_t(int, int, int, std::mt19937 &)> byte;
+};
+
+uint8_t one(int, int, int, std::mt19937 &) { return 1; }
+
+const MaskCase kMasks[] = {
+    {"3 x 3 box", {3, 3, 1}, one},
+    {"1 x 1 box", {1, 1, 1}, one},
+    {"row of 11", {11, 1, 1}, one},
+    {"column of 5", {1, 5, 1}, one},
+    {"6 x 2 box: even extents reach one way further", {6, 2, 1}, one},
+    {"3 x 3 x 3 cube", {3, 3, 3}, one},
+    {"2 x 3 x 2 box", {2, 3, 2}, one},
+    {"5 x 5 box with a hole: taps", {5, 5, 1}, [](int i, int j, int, std::mt19937 &) -> uint8_t { return i == 2 && j == 2 ? 0 : 1; }},
+    {"5 x 5 box with a 2 in a corner: taps", {5, 5, 1}, [](int i, int j, int, std::mt19937 &) -> uint8_t { return i == 4 && j == 0 ? 2 : 1; }},
+    {"disk of 7", {7, 7, 1}, [](int i, int j, int, std::mt19937 &) -> uint8_t { return (i - 3) * (i - 3) + (j - 3) * (j - 3) <= 9; }},
+    {"random bytes across planes", {6, 4, 2}, [](int, int, int, std::mt19937 &r) -> uint8_t { return "\0\1\1\2"[r() % 4]; }},
+    {"one tap off the centre", {5, 3, 2}, [](int i, int j, int k, std::mt19937 &) -> uint8_t { return i == 4 && j == 0 && k == 1; }},
+    {"tall column: a band taller than 32 rows", {1, 23, 1}, one},
+    {"column of 40: more rows than a band task keeps: direct walk", {1, 40, 1}, one},
+    {"checkerboard of more runs than the list holds: direct walk", {64, 34, 1},
+     [](int i, int j, int, std::mt19937 &) -> uint8_t { return (i + j) % 2; }},
+};
+
+// Image shapes, with the block width B = 8 L of the entry point: widths at
+// and around whole blocks, heights across band boundaries, outputs that
+// reach past the image or start inside it.
+struct ShapeCase {
+    const char *what;
+    int32_t width_blocks, width_extra, height, planes;
+    int32_t out_before, out_after, out_rows_before, out_rows_after;
+    int32_t im_min[3];
+};
+
+const ShapeCase kShapes[] = {
+    {"exactly one block", 1, 0, 33, 2, 0, 0, 0, 0, {0, 0, 0}},
+    {"one block and a bit, output beyond the image", 1, 5, 40, 3, 3, 4, 2, 3, {-7, 5, -1}},
+    {"two blocks less one, output inside the image", 2, -1, 70, 1, -6, -9, -2, -5, {11, -3, 2}},
+};
+
+class BandWalks : public testing::TestWithParam<Entry> {};
+
+TEST_P(BandWalks, MatchReference) {
+    const Entry &e = GetParam();
+    if (!e.cpu_has_level()) GTEST_SKIP() << "this processor lacks level " << e.level_word;
+    const bool floating = e.type == "float32" || e.type == "float64";
+    std::mt19937 rng(std::hash<std::string>()(e.name) ^ 0xb4d5);
+    const int block = 8 * e.lanes;
+    for (const MaskCase &m : kMasks) {
+        for (const ShapeCase &sc : kShapes) {
+            SCOPED_TRACE(std::string(m.what) + "; " + sc.what);
+            Shape s{};
+            s.im_extent[0] = sc.width_blocks * block + sc.width_extra;
+            s.im_extent[1] = sc.height, s.im_extent[2] = sc.planes;
+            std::copy(sc.im_min, sc.im_min + 3, s.im_min);
+            const int32_t before[2] = {sc.out_before, sc.out_rows_before}, after[2] = {sc.out_after, sc.out_rows_after};
+            place_output(e, s, before, after);
+            for (int d = 0; d < 3; d++) s.se_extent[d] = m.e[d];
+            s.mask.resize(size_t(m.e[0]) * m.e[1] * m.e[2]);
+            for (int k = 0; k < m.e[2]; k++)
+                for (int j = 0; j < m.e[1]; j++)
+                    for (int i = 0; i < m.e[0]; i++) s.mask[size_t((k * m.e[1] + j) * m.e[0] + i)] = m.byte(i, j, k, rng);
+            random_bounds(e, s, rng);
+            check_case(e, s, rng);
+            // Ties, with pads that may tie with the image as well.
+            if (floating) s.lower = rng() % 2 ? 0.0 : -0.0, s.upper = rng() % 2 ? 0.0 : -0.0;
+            check_case(e, s, rng, Fill::Ties);
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Entries, BandWalks, testing::ValuesIn(kEntries), EntryName());
+
+// Row lengths are a * L + b for the entry point's lane count L.
+struct Len {
+    int vectors, extra;
+    int of(int lanes) const { return vectors * lanes + extra; }
+};
+
+struct RowCase {
+    const char *what;
+    Len width;                  // the image's width
+    int out_before, out_after;  // samples the output reaches before and past the image
+    Len e0;                     // element extent in x; e1 = 3, e2 = 2
+    int32_t im_min0;
+};
+
+const RowCase kRows[] = {
+    {"one sample short of 64 vectors", {64, -1}, 0, 0, {0, 5}, 0},
+    {"exactly 64 vectors", {64, 0}, 0, 0, {0, 5}, 0},
+    {"64 vectors and one sample: a last block moved back almost whole", {64, 1}, 0, 0, {0, 3}, -5},
+    {"a last block moved back by part of a chunk", {64, 21}, 0, 0, {0, 7}, 4},
+    {"an even element, reaching one way further", {70, 0}, 0, 0, {0, 4}, 0},
+    {"an element wider than two chunks: border regions of several chunks", {72, 7}, 0, 0, {2, 3}, -9},
+    {"an output reaching past both ends of the image", {80, 3}, 5, 6, {0, 5}, -3},
+    {"an output starting and ending inside the image", {96, 5}, -11, -13, {0, 6}, 2},
+};
+
+class WideRows : public testing::TestWithParam<Entry> {};
+
+TEST_P(WideRows, MatchReference) {
+    const Entry &e = GetParam();
+    if (!e.cpu_has_level()) GTEST_SKIP() << "this processor lacks level " << e.level_word;
+    std::mt19937 rng(std::hash<std::string>()(e.name) ^ 0x5eed);
+    for (const RowCase &c : kRows) {
+        SCOPED_TRACE(c.what);
+        Shape s{};
+        s.im_min[0] = c.im_min0, s.im_min[1] = -1, s.im_min[2] = 2;
+        s.im_extent[0] = c.width.of(e.lanes), s.im_extent[1] = 4, s.im_extent[2] = 3;
+        s.se_extent[0] = c.e0.of(e.lanes), s.se_extent[1] = 3, s.se_extent[2] = 2;
+        const int32_t before[2] = {c.out_before, 0}, after[2] = {c.out_after, 0};
+        place_output(e, s, before, after);
+        const uint8_t bytes[] = {0, 1, 1, 1, 1, 2};
+        s.mask.resize(size_t(s.se_extent[0]) * s.se_extent[1] * s.se_extent[2]);
+        for (auto &m : s.mask) m = bytes[rng() % 6];
+        random_bounds(e, s, rng);
+        check_case(e, s, rng);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Entries, WideRows, testing::ValuesIn(kEntries), EntryName());
+
+}  // namespace
+}  // namespace tmtest
