@@ -23,6 +23,7 @@ typedef struct {
     int by_taps, by_box, by_planes;
     halide_buffer_t *tap_runs;
     int32_t longest_run;
+    int by_runs;
 } tm_call;
 
 /* Each export's adapter from a tm_call to its compiled pipeline. */
@@ -73,10 +74,11 @@ int32_t tm_centre(int32_t extent);
  * if any, and the mask's runs of taps in the walk's order (first r0,
  * length, r1, r2), described for the pipeline. */
 #define TM_MAX_RUNS 1024
+#define TM_RUN_FIELDS 4
 typedef struct {
-    int by_taps, by_box, by_planes;
+    int by_taps, by_box, by_planes, by_runs;
     int32_t count, longest;
-    int32_t runs[TM_MAX_RUNS][4];
+    int32_t runs[TM_MAX_RUNS][TM_RUN_FIELDS];
     halide_dimension_t dim[2];
     halide_buffer_t buffer;
 } tm_walk_plan;

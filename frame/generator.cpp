@@ -43,10 +43,12 @@ public:
     // The band walk the entry point chose from the mask (at most one flag
     // is set, and only in the wide branch), and the mask's runs of taps in
     // the walk's order: four int32 per run (first r0, length, r1, r2),
-    // `longest_run` the longest.
+    // `longest_run` the longest.  `by_runs`: the walk of those runs by
+    // doubled folds (integer types).
     typename Base::template Input<bool> by_taps{"by_taps"}, by_box{"by_box"}, by_planes{"by_planes"};
     typename Base::template Input<Buffer<int32_t>> tap_runs{"tap_runs", 2};
     typename Base::template Input<int32_t> longest_run{"longest_run"};
+    typename Base::template Input<bool> by_runs{"by_runs"};
     typename Base::template Output<Buffer<>> out{output_name(), 3};
 
     static const char *output_name() {
@@ -65,7 +67,7 @@ public:
         Sources s;
         s.el = Element{keyimForType.type(), boolean};
         const int lanes = this->natural_vector_size(s.el.storage);
-        s.branch = Branch{wide, lanes, by_taps, by_box, by_planes};
+        s.branch = Branch{wide, lanes, by_taps, by_box, by_planes, by_runs};
         // Only the baseline level's vector loop converts uint32 by halves.
         const Target t = this->get_target();
         s.halves = t.has_feature(Target::SSE41) ? Expr(false) : s.branch.wide;
@@ -81,8 +83,8 @@ public:
         s.window_extent[2] = window_extent_2;
         s.se = make_strel(strel, se_extent);
         // The entry point lays the runs out densely, four to a run.
-        tap_runs.dim(0).set_min(0).set_extent(4).set_stride(1);
-        tap_runs.dim(1).set_min(0).set_stride(4);
+        tap_runs.dim(0).set_min(0).set_extent(kRunFields).set_stride(1);
+        tap_runs.dim(1).set_min(0).set_stride(kRunFields);
         s.runs = Runs{tap_runs, tap_runs.dim(1).extent(), longest_run};
         s.image = keyimForType;
         s.lower = minmax(0, 0);

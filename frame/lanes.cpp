@@ -34,6 +34,10 @@ int main(int argc, char **argv) {
     // for rows at least one block wide.
     std::fprintf(f, "#define TM_BLOCK_CHUNKS %d\n#define TM_BAND_ROWS %d\n#define TM_RING_ROWS %d\n", morph::kBlockChunks,
                  morph::kBandRows, morph::kRingRows);
+    // The walk of runs by doubled folds: the levels it keeps; and the
+    // fields of a run in the list the frame hands over.
+    std::fprintf(f, "#define TM_RUN_LEVELS %d\n#if defined(TM_RUN_FIELDS) && TM_RUN_FIELDS != %d\n#error \"the frame lays runs out otherwise than the pipelines read them\"\n#endif\n",
+                 morph::kRunLevels, morph::kRunFields);
     for (auto &l : levels) {
         Halide::Target target(std::string(argv[2]) + "-" + l.second);
         for (auto &t : types) {

@@ -490,6 +490,7 @@ int tm_run_pipeline(const tm_entry *e, const tm_view v[4]) {
         h.call.by_taps = h.walk.by_taps;
         h.call.by_box = h.walk.by_box;
         h.call.by_planes = h.walk.by_planes;
+        h.call.by_runs = h.walk.by_runs;
         h.call.tap_runs = &h.walk.buffer;
         h.call.longest_run = h.walk.longest;
         h.stage.host = (uint8_t *)block;

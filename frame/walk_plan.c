@@ -32,8 +32,8 @@ void tm_plan_walk(const tm_entry *e, const tm_view v[4], int wide, int32_t stage
     const tm_view *se = &v[SE];
     memset(p, 0, sizeof *p);
     /* The pipeline reads the list even when it walks directly: one dummy run. */
-    p->dim[0] = (halide_dimension_t){0, 4, 1, 0};
-    p->dim[1] = (halide_dimension_t){0, 0, 4, 0};
+    p->dim[0] = (halide_dimension_t){0, TM_RUN_FIELDS, 1, 0};
+    p->dim[1] = (halide_dimension_t){0, 0, TM_RUN_FIELDS, 0};
     memset(&p->buffer, 0, sizeof p->buffer);
     p->buffer.host = (uint8_t *)p->runs;
     p->buffer.type = (struct halide_type_t){halide_type_int, 32, 1};
@@ -81,10 +81,23 @@ void tm_plan_walk(const tm_entry *e, const tm_view v[4], int wide, int32_t stage
         }
     if (count == 0 || (!full && !fits)) return;
 
+    /* Integer masks of long runs are walked by doubled folds: two reads a
+     * run instead of one a tap, for TM_RUN_LEVELS - 1 folds of every source
+     * row (and levels can cover runs of up to 2^TM_RUN_LEVELS - 1 taps).
+     * Measured on 4096-wide uint8 rows: a 15 x 15 disk (149 taps in 15
+     * runs) 2.4 times faster this way; a 5 x 5 disk (13 in 5) gains
+     * nothing and keeps the tap walk. */
+    int64_t taps = 0;
+    for (int32_t i = 0; i < count; i++) taps += p->runs[i][1];
+    int by_runs = !full && e->code != halide_type_float && longest < ((int32_t)1 << TM_RUN_LEVELS) &&
+                  taps >= 2 * (int64_t)count + 2 * TM_RUN_LEVELS;
+
     /* What a band task holds: TM_RING_ROWS rows in every plane the mask
-     * reaches, a few times over (the rows, their folds). */
-    const int64_t width = max64(v[OUT].extent[0], stage_width) + ext[0] + block;
+     * reaches, a few times over (the rows, their folds), and the levels
+     * besides for the walk by doubled folds. */
+    const int64_t width = max64(v[OUT].extent[0], stage_width) + ext[0] + block + ((int64_t)1 << TM_RUN_LEVELS);
     const int64_t ring = (int64_t)TM_RING_ROWS * ext[2] * width * e->bytes;
+    if (ring * (TM_RUN_LEVELS + 1) > TM_MAX_BAND_BYTES) by_runs = 0;
     if (ring > TM_MAX_BAND_BYTES) return;
 
     /* A floating box folds only after it has looked for NaN in every row it
@@ -100,6 +113,8 @@ void tm_plan_walk(const tm_entry *e, const tm_view v[4], int wide, int32_t stage
             p->by_planes = 1;
         else
             p->by_box = 1;
+    } else if (by_runs) {
+        p->by_runs = 1;
     } else {
         p->by_taps = 1;
     }

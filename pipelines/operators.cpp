@@ -48,7 +48,11 @@ StageWalk stage_walk(Walk w, const Sources &s, const Func &padded_source, const 
     sw.bands = band_walks(w, src, s.se, s.runs, s.el, name, at);
     const Var &x = at[0], &y = at[1], &z = at[2];
     Expr v = sw.direct(x, y, z);
+    // Nested in the order of the schedule's specializations, so that in each
+    // branch the flags of the branches before it are known false and only
+    // the branch's own walk is left.
     if (sw.bands.plane_box.defined()) v = select(s.branch.by_planes, sw.bands.plane_box(x, y, z), v);
+    if (sw.bands.runs_walk.defined()) v = select(s.branch.by_runs, sw.bands.runs_walk(x, y, z), v);
     v = select(s.branch.by_box, sw.bands.box(x, y, z), v);
     sw.value = select(s.branch.by_taps, sw.bands.taps(x, y, z), v);
     return sw;

@@ -259,6 +259,65 @@ BandWalks band_walks(Walk w, const Source &src, const Strel &se, const Runs &run
         b.plane_box(x, y, z) = init;
         b.plane_box(x, y, z) = combine(w, b.plane_box(x, y, z),
                                        b.plane_row_fold(x, step(w, y, offset_of(b.plane_box_r.x, se, 1)), z), el);
+
+        // Runs by doubled folds.  Level k of a source row holds at u the
+        // fold of the 2^k samples u .. u + 2^k - 1; level k is two blocks
+        // of level k - 1 side by side.  A run of length l meets the
+        // samples of r0 in [a, a + l - 1]; with 2^k <= l < 2^(k+1) the two
+        // blocks of 2^k taps [a, a + 2^k - 1] and [a + l - 2^k, a + l - 1]
+        // cover it, overlapping in the middle.  On integers min and max are
+        // associative, commutative and idempotent, so neither the samples
+        // met twice nor the order in which the taps are met can show: the
+        // fold of the two blocks is the fold of the run, and the runs may
+        // meet in any order: each level's runs (2^k to 2^(k+1) - 1 taps)
+        // are one update reading that level.
+        //
+        // A level reaches 2^k - 1 samples beyond the block's first one.  The
+        // blocks the walk reads lie inside their runs, so that reach never
+        // passes the last sample the walk itself reads; but bounds inference
+        // cannot see it, and the levels are computed in whole vectors past
+        // the last sample needed.  A source without pad (closing's
+        // intermediate, read as it is) holds nothing beyond its domain, so
+        // the levels' reads are kept to the domain: the samples so changed
+        // belong to blocks that no run reads.
+        b.levels.push_back(b.rows);
+        const Expr last0 = src.min[0] + src.extent[0] - 1;
+        for (int level = 1; level < kRunLevels; level++) {
+            const Func &prev = b.levels.back();
+            Func f(name + "_level" + std::to_string(level));
+            Expr near = u, far = u + (1 << (level - 1));
+            // (`likely`: loop partitioning then leaves the test out of all
+            // but the last vectors.  The promise tells bounds inference the
+            // domain, which is empty, and then bounds nothing, where the
+            // element has extent 0 and no band walk runs.)
+            if (!src.pad.defined()) {
+                near = unsafe_promise_clamped(min(likely(near), last0), src.min[0], last0);
+                far = unsafe_promise_clamped(min(likely(far), last0), src.min[0], last0);
+            }
+            f(u, v, wv) = combine(w, prev(near, v, wv), prev(far, v, wv), el);
+            b.levels.push_back(f);
+        }
+        b.runs_walk = Func(name + "_runs");
+        b.runs_walk(x, y, z) = init;
+        for (int level = 0; level < kRunLevels; level++) {
+            const int p = 1 << level;
+            RDom g(0, runs.count, name + "_run" + std::to_string(level));
+            Expr t = g.x;
+            Expr a = runs.list(0, t), l = runs.list(1, t);
+            g.where(l >= p && l < 2 * p);
+            // The offsets r0 of the two blocks' first samples in source
+            // order: erosion reads x + r0, so a block starts at its least
+            // r0; dilation reads x - r0, so at its greatest.
+            Expr q1 = w == Walk::Erode ? a : a + (p - 1);
+            Expr q2 = w == Walk::Erode ? a + l - p : a + l - 1;
+            Expr ry = step(w, y, offset_of(runs.list(2, t), se, 1));
+            Expr rz = step(w, z, offset_of(runs.list(3, t), se, 2));
+            const Func &lf = b.levels[level];
+            Expr s1 = lf(step(w, x, offset_of(q1, se, 0)), ry, rz);
+            Expr s2 = lf(step(w, x, offset_of(q2, se, 0)), ry, rz);
+            b.runs_walk(x, y, z) = combine(w, b.runs_walk(x, y, z), combine(w, s1, s2, el), el);
+            b.runs_r.push_back(g);
+        }
     }
     return b;
 }

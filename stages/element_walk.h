@@ -103,6 +103,13 @@ struct Runs {
     Halide::Expr count, longest;
 };
 
+// The fields of one run in that list: first r0, length, r1, r2.
+constexpr int kRunFields = 4;
+
+// Levels of doubled folds kept per source row: folds of 1, 2, 4, 8 and 16
+// samples, enough for runs of up to 31 taps.
+constexpr int kRunLevels = 5;
+
 // Every Func and reduction domain of one stage's band walks, for the
 // schedule.  Forms a type cannot use stay undefined.
 struct BandWalks {
@@ -130,6 +137,14 @@ struct BandWalks {
     // (`plane_row_fold`), then the rows' folds.
     Halide::Func plane_walk, plane_fold, plane_row_walk, plane_row_fold, plane_box;
     Halide::RDom plane_r, plane_row_r, plane_box_r;
+    // Integer types, any mask whose runs are long: each source row folded
+    // over 2^k samples for every level k (`levels[k]`, level k from level
+    // k - 1, level 0 the rows), then each run met as the two folds of 2^k
+    // samples that start at its two ends (`runs_walk`, one update per
+    // level, over `runs_r[k]`).
+    std::vector<Halide::Func> levels;
+    Halide::Func runs_walk;
+    std::vector<Halide::RDom> runs_r;
 };
 
 // Builds the band walks of one stage.  The rows copy the source's whole

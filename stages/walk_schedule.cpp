@@ -124,6 +124,21 @@ void schedule_stage(Func out, Func walk, const Branch &b, const BandWalks *bands
                 .unroll(wk)
                 .reorder(wx, wk, w.box_taps_r.x, w.box_taps_r.y);
         }
+        if (w.runs_walk.defined()) {
+            // The levels of every source row the band reads, kept in the
+            // ring like the rows, level by level over whole rows; then the
+            // runs walked in blocks like the taps.
+            band_branch(b.by_runs);
+            for (size_t k = 1; k < w.levels.size(); k++) ring(w.levels[k], out, yo, yb, L);
+            block_walk(w.runs_walk, w.runs_r[0], out, xo, L);
+            Var wx = w.runs_walk.args()[0], wk("wk");
+            for (size_t k = 1; k < w.runs_r.size(); k++)
+                w.runs_walk.update(k)
+                    .split(wx, wk, wx, kVectorChunks * L)
+                    .vectorize(wx)
+                    .unroll(wk)
+                    .reorder(wx, wk, w.runs_r[k].x);
+        }
         if (w.plane_box.defined()) {
             band_branch(b.by_planes);
             folded_ring(w.plane_fold, w.plane_walk, w.plane_r, out, yo, yb, L);

@@ -47,8 +47,9 @@ struct Branch {
     Halide::Expr wide;  // the image is wider than one vector
     int lanes;          // L: the natural vector size of the element type
     // The band walk the entry point chose for the call, if any (at most one
-    // is true): the tap walk, the box walk, the box walk planes first.
-    Halide::Expr by_taps, by_box, by_planes;
+    // is true): the tap walk, the box walk, the box walk planes first, the
+    // walk of runs by doubled folds (integer types).
+    Halide::Expr by_taps, by_box, by_planes, by_runs;
 };
 
 // `out` is the stage's Func, an output of the pipeline (its buffer's width
