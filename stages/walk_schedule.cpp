@@ -50,13 +50,19 @@ void ring(Func f, Func out, const Var &yo, const Var &yb, int L) {
 // splits into K registers: their loads then differ by constants, where K
 // vectors of L lanes would each add their offset to a 32-bit index before
 // widening it to an address.
-void block_walk(Func walk, const RDom &r, Func out, const Var &xo, int L) {
-    walk.compute_at(out, xo);
+//
+// `update` picks the walk's update over `r` (a walk may fold several).
+void block_fold(Func walk, int update, const RDom &r, int L) {
     Var wx = walk.args()[0], wk("wk");
-    walk.vectorize(wx, kBlockChunks * L);
     std::vector<VarOrRVar> order = {wx, wk};
     for (int i = 0; i < r.dimensions(); i++) order.push_back(r[i]);
-    walk.update().split(wx, wk, wx, kVectorChunks * L).vectorize(wx).unroll(wk).reorder(order);
+    walk.update(update).split(wx, wk, wx, kVectorChunks * L).vectorize(wx).unroll(wk).reorder(order);
+}
+
+void block_walk(Func walk, const RDom &r, Func out, const Var &xo, int L) {
+    walk.compute_at(out, xo);
+    walk.vectorize(walk.args()[0], kBlockChunks * L);
+    block_fold(walk, 0, r, L);
 }
 
 // A ring of folds: `fold` kept per source row, computed block by block of
@@ -117,12 +123,7 @@ void schedule_stage(Func out, Func walk, const Branch &b, const BandWalks *bands
             w.row_nan.compute_at(out, yb);
             w.row_nan.update().atomic().vectorize(w.nan_r.x, L);
             w.dirty.compute_at(out, yi);
-            Var wx = w.box.args()[0], wk("wk");
-            w.box.update(1)
-                .split(wx, wk, wx, kVectorChunks * L)
-                .vectorize(wx)
-                .unroll(wk)
-                .reorder(wx, wk, w.box_taps_r.x, w.box_taps_r.y);
+            block_fold(w.box, 1, w.box_taps_r, L);
         }
         if (w.runs_walk.defined()) {
             // The levels of every source row the band reads, kept in the
@@ -131,13 +132,7 @@ void schedule_stage(Func out, Func walk, const Branch &b, const BandWalks *bands
             band_branch(b.by_runs);
             for (size_t k = 1; k < w.levels.size(); k++) ring(w.levels[k], out, yo, yb, L);
             block_walk(w.runs_walk, w.runs_r[0], out, xo, L);
-            Var wx = w.runs_walk.args()[0], wk("wk");
-            for (size_t k = 1; k < w.runs_r.size(); k++)
-                w.runs_walk.update(k)
-                    .split(wx, wk, wx, kVectorChunks * L)
-                    .vectorize(wx)
-                    .unroll(wk)
-                    .reorder(wx, wk, w.runs_r[k].x);
+            for (size_t k = 1; k < w.runs_r.size(); k++) block_fold(w.runs_walk, int(k), w.runs_r[k], L);
         }
         if (w.plane_box.defined()) {
             band_branch(b.by_planes);
