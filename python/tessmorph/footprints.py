@@ -2,8 +2,8 @@
 
 ``disk``, ``ball``, ``diamond`` and ``octahedron`` are the same sets as
 scikit-image's functions of those names.  Odd extents put the centre in the
-middle; ``line`` places its centre where the library puts the centre of an
-axis of extent e, at index (e + 1) // 2 - 1.
+middle; ``line`` places its centre where the operators put the centre of an
+axis of extent e by default, at index e // 2 (scipy's).
 """
 
 import math
@@ -83,26 +83,27 @@ def line(length, angle):
     axis, with the first axis pointing down as in an image: 0 is a row, 90 a
     column, 45 rises to the right.  The line steps by one sample along its
     dominant axis and is rounded on the other, so a line of any angle has
-    exactly ``length`` taps; an odd length is symmetric about the centre.
+    exactly ``length`` taps; an odd length is symmetric about the centre,
+    an even one reaches one step further back along the line than forward.
     """
     n = _size(length, "length")
     theta = math.radians(float(angle))
     dx, dy = math.cos(theta), -math.sin(theta)
     step = max(abs(dx), abs(dy))
     dx, dy = dx / step, dy / step
-    # Positions along the line, -(n-1)//2 .. n//2, as the library's centre
-    # of an axis of n samples has it.
-    k = np.arange(-((n - 1) // 2), n // 2 + 1)
+    # Positions along the line, -n//2 .. (n-1)//2, as the centre e // 2 of
+    # an axis of n samples has it.
+    k = np.arange(-(n // 2), (n - 1) // 2 + 1)
     # Round half away from zero, so that the line is symmetric.
     xs = (np.sign(k * dx) * np.floor(np.abs(k * dx) + 0.5)).astype(int)
     ys = (np.sign(k * dy) * np.floor(np.abs(k * dy) + 0.5)).astype(int)
 
     def extent(offsets):
-        # The smallest extent whose library centre has room for the offsets
-        # on both sides: centre c = (e + 1) // 2 - 1 reaches e - 1 - c up.
+        # The smallest extent whose centre has room for the offsets on both
+        # sides: centre c = e // 2 reaches e - 1 - c up.
         below, above = -offsets.min(), offsets.max()
-        e = max(2 * below + 1, 2 * above)
-        return e, (e + 1) // 2 - 1
+        e = max(2 * below, 2 * above + 1)
+        return e, e // 2
 
     (h, cy), (w, cx) = extent(ys), extent(xs)
     fp = np.zeros((h, w), np.uint8)

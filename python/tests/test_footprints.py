@@ -8,8 +8,8 @@ from tessmorph import footprints
 
 
 def taps(fp):
-    """Tap offsets from the library's centre, as (row, column) pairs."""
-    c = [(e + 1) // 2 - 1 for e in fp.shape]
+    """Tap offsets from the centre (e // 2), as (row, column) pairs."""
+    c = [e // 2 for e in fp.shape]
     return sorted((int(y) - c[0], int(x) - c[1]) for y, x in zip(*np.nonzero(fp)))
 
 
@@ -18,7 +18,7 @@ def taps(fp):
     (5, 90, [(-2, 0), (-1, 0), (0, 0), (1, 0), (2, 0)]),
     (3, 45, [(-1, 1), (0, 0), (1, -1)]),
     (3, 135, [(-1, -1), (0, 0), (1, 1)]),
-    (4, 0, [(0, -1), (0, 0), (0, 1), (0, 2)]),
+    (4, 0, [(0, -2), (0, -1), (0, 0), (0, 1)]),
     (5, 30, [(-1, 2), (-1, 1), (0, 0), (1, -1), (1, -2)]),
     (1, 17, [(0, 0)]),
 ])
