@@ -288,6 +288,8 @@ def _stage(op, a, taps, s, out=None):
         def span(e, lo, hi):
             return _mode_index(np.arange(lo - below[e], hi + above[e]), a.shape[e], s.mode)
 
+        taps = taps.reshape(shape)
+
         for d in range(nd):
             n = a.shape[d]
             bands = [(0, min(below[d], n))] if below[d] else []
@@ -304,9 +306,20 @@ def _stage(op, a, taps, s, out=None):
                         slab = np.take(slab, span(e, 0, a.shape[e]), axis=e)
                 origin = [lo - below[d] if e == d else -below[e] for e in range(nd)]
                 box = [(lo, hi - lo) if e == d else (0, a.shape[e]) for e in range(nd)]
-                target[(slice(None),) * d + (slice(lo, hi),)] = _library_call(
-                    op, slab, taps, image_origin=origin, out_origin=[o for o, _ in box],
-                    out_shape=[w for _, w in box], level=s.level)
+                # The library walks rows, and pays for each: a band across
+                # the rows is turned so that its rows are long.  That changes
+                # the order of the taps, which only a float's NaN and signed
+                # zeros see: a slab holding them stays as it is.
+                order = list(range(nd))
+                if d == nd - 1 and nd > 1 and (a.dtype.kind != "f" or not (np.isnan(slab).any()
+                                                                             or (slab == 0).any())):
+                    order = [d] + order[:d]
+                    slab = np.ascontiguousarray(slab.transpose(order))
+                band = _library_call(op, slab, np.ascontiguousarray(taps.transpose(order)),
+                                     image_origin=[origin[e] for e in order],
+                                     out_origin=[box[e][0] for e in order], out_shape=[box[e][1] for e in order],
+                                     level=s.level)
+                target[(slice(None),) * d + (slice(lo, hi),)] = band.transpose(np.argsort(order))
     if out is not None and target is not out:
         out[...] = target
         return out

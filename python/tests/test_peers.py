@@ -82,6 +82,19 @@ def test_scipy_every_mode_and_origin(op, dtype):
         assert same_bits(getattr(tessmorph, op)(image, fp, **kw), expected), (shape, kw)
 
 
+@pytest.mark.parametrize("dtype", [np.float32, np.float64])
+def test_scipy_modes_on_floats_without_zeros(dtype):
+    """Floats with neither NaN nor zeros, whose borders are computed as
+    integers' are (the order of the taps doesn't matter to them)."""
+    rng = rng_for("floats", dtype)
+    for (shape, fp_shape), mode in itertools.product(SHAPES, MODES[1:]):
+        image = rng.normal(0, 100, shape).astype(dtype)
+        fp = footprint_of(rng, fp_shape)
+        for op in OPERATORS:
+            assert same_bits(getattr(tessmorph, op)(image, fp, mode=mode), scipy_call(op, image, fp, mode=mode)), \
+                (op, shape, mode)
+
+
 @pytest.mark.parametrize("dtype", DTYPES)
 def test_scipy_neutral_constant_is_our_default(dtype):
     """Our default border is scipy's constant border at the type's greatest

@@ -72,6 +72,25 @@ def test_textbook_operators_are_their_stages(dtype):
         assert same_bits(getattr(tessmorph, op)(image, fp, mode=mode), expected), (op, mode)
 
 
+NUMPY_PAD = {"nearest": "edge", "reflect": "symmetric", "mirror": "reflect", "wrap": "wrap"}
+
+
+@pytest.mark.parametrize("mode,dtype", list(itertools.product(NUMPY_PAD, [np.float32, np.uint16, np.bool_])))
+def test_a_mode_is_the_image_padded_as_numpy_pads(mode, dtype):
+    """Bit for bit, NaN, signed zeros and bool bytes included: the stage of
+    a padded image, cut back."""
+    rng = np.random.default_rng(30)
+    for shape, fp_shape in (((6, 9, 45), (3, 4, 5)), ((20, 3), (5, 6)), ((30,), (7,))):
+        image = random_image(rng, shape, dtype)
+        fp = random_footprint(rng, fp_shape)
+        r = max(fp_shape)
+        padded = np.pad(image, r, mode=NUMPY_PAD[mode])
+        inner = (slice(r, -r),) * image.ndim
+        for op in ("erosion", "dilation"):
+            expected = getattr(tessmorph, op)(padded, fp)[inner]
+            assert same_bits(getattr(tessmorph, op)(image, fp, mode=mode), expected), (op, shape)
+
+
 def test_uint32_top_hats_are_exact_differences():
     rng = np.random.default_rng(24)
     image = rng.integers(0, 2**32, (33, 47), np.uint32)
