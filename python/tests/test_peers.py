@@ -107,6 +107,20 @@ def test_scipy_neutral_constant_is_our_default(dtype):
     assert same_bits(tessmorph.dilation(image, fp), scipy_call("dilation", image, fp, mode="constant", cval=least))
 
 
+@pytest.mark.parametrize("op", OPERATORS)
+def test_scipy_size_and_our_exact_erosion_and_dilation(op):
+    """scipy's size=s is a footprint of ones; exact=True's erosion and
+    dilation are ours of the taps equal to 1 with the library's centre."""
+    rng = rng_for("size", op)
+    image = image_of(rng, (6, 9, 40), np.int32)
+    assert same_bits(getattr(ndi, SCIPY[op])(image, size=(2, 3, 4), mode="nearest"),
+                     getattr(tessmorph, op)(image, np.ones((2, 3, 4)), mode="nearest"))
+    if op in ("erosion", "dilation"):
+        fp = footprint_of(rng, (2, 3, 4))
+        assert same_bits(getattr(tessmorph, op)(image, fp, exact=True, lower=-5, upper=9),
+                         getattr(tessmorph, op)(image, fp == 1, origin=(-1, 0, -1), lower=-5, upper=9))
+
+
 def test_scipy_mode_aliases():
     rng = rng_for("aliases")
     image = image_of(rng, (7, 20), np.int16)
@@ -139,6 +153,16 @@ def test_scikit_image_erosion_and_dilation(dtype):
         flipped = fp[(slice(None, None, -1),) * fp.ndim]
         assert same_bits(morph.dilation(image, fp),
                          tessmorph.dilation(image, flipped, mode="reflect")), fp_shape
+
+
+def test_scikit_image_default_footprint_is_a_cross():
+    morph = pytest.importorskip("skimage.morphology")
+    rng = rng_for("cross")
+    for shape in ((30, 41), (6, 7, 35)):
+        image = image_of(rng, shape, np.uint16)
+        cross = ndi.generate_binary_structure(image.ndim, 1)
+        for op in OPERATORS:
+            assert same_bits(getattr(morph, op)(image), getattr(tessmorph, op)(image, cross)), (op, shape)
 
 
 SYMMETRIC = [footprints.disk(2), footprints.square(3), footprints.diamond(1), footprints.ball(1),
