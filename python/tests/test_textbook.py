@@ -150,7 +150,9 @@ def test_leading_axes_are_a_stack(op):
         fp = random_footprint(rng, fp_shape)
         expected = per_image(op, image, fp, len(fp_shape), **kw)
         assert same_bits(getattr(tessmorph, op)(image, fp, **kw), expected), (fp_shape, kw)
-        # Leading axes that can't be folded into one, and an out like them.
+        # Leading axes that can't be folded into one, in the out or in both.
+        out = np.empty((3, 8, 5, 6, 40), np.int16)[::-1, ::2]
+        assert same_bits(getattr(tessmorph, op)(image, fp, out=out, **kw), expected), (fp_shape, kw)
         view, out = image[:, ::2], np.empty((3, 4, 5, 6, 40), np.int16)[::-1, ::2]
         assert same_bits(getattr(tessmorph, op)(view, fp, out=out, **kw), expected[:, ::2]), (fp_shape, kw)
 
