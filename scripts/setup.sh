@@ -14,7 +14,9 @@ packages=(cmake ninja-build g++ gcc make binutils pkg-config
           # cross-checks only); the command-line tool's formats, dask, progress
           python3 python3-dev pybind11-dev python3-numpy python3-pytest
           python3-scipy python3-skimage python3-opencv
-          python3-tifffile python3-pil python3-zarr python3-dask python3-distributed python3-tqdm)
+          python3-tifffile python3-pil python3-zarr python3-dask python3-distributed python3-tqdm
+          # pip install . (and its test, in a fresh virtual environment)
+          python3-pip python3-venv python3-setuptools python3-wheel)
 if [ "${TM_BENCH:-0}" = 1 ]; then
     packages+=(libopencv-dev libbenchmark-dev gnuplot-nox python3)
 fi

@@ -16,12 +16,13 @@ release the GIL and run in parallel on TBB; ``set_num_threads`` or
 """
 
 from . import footprints
+from ._version import __version__
 from ._library import LEVELS, OPERATORS, SUPPORTED_LEVELS, TYPES, Region, best_level
 from .data import sample_footprint, sample_volume
 from .morphology import (apply, black_tophat, closing, dilation, erosion, get_num_threads, opening, pad_value,
                          required_region, set_num_threads, threads, white_tophat)
 
-__all__ = ["erosion", "dilation", "opening", "closing", "white_tophat", "black_tophat", "apply",
+__all__ = ["__version__", "erosion", "dilation", "opening", "closing", "white_tophat", "black_tophat", "apply",
            "required_region", "Region", "pad_value", "set_num_threads", "get_num_threads", "threads",
            "best_level", "footprints", "sample_volume", "sample_footprint", "OPERATORS", "LEVELS",
            "SUPPORTED_LEVELS", "TYPES"]
