@@ -22,6 +22,8 @@
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <malloc.h>
 #include <cstring>
 #include <algorithm>
 #include <map>
@@ -82,24 +84,65 @@ Element disk(const char *name, int e) {
     return se;
 }
 Element cube(const char *name, int e) { return {name, {e, e, e}, std::vector<uint8_t>(size_t(e) * e * e, 1)}; }
+Element line(const char *name, int e0, int e1) { return {name, {e0, e1, 1}, std::vector<uint8_t>(size_t(e0) * e1, 1)}; }
+// The lattice points within radius r of the centre, in three dimensions.
+Element ball(const char *name, int r) {
+    const int e = 2 * r + 1;
+    Element se{name, {e, e, e}, std::vector<uint8_t>(size_t(e) * e * e, 0)};
+    for (int k = 0; k < e; k++)
+        for (int j = 0; j < e; j++)
+            for (int i = 0; i < e; i++)
+                se.bytes[(size_t(k) * e + j) * e + i] = (i - r) * (i - r) + (j - r) * (j - r) + (k - r) * (k - r) <= r * r;
+    return se;
+}
 
-// The cases: an image shape, the element types run on it, its elements.
+// The cases: an image shape, the element types run on it, its elements,
+// the operators (all when empty) and whether erosion and dilation also run
+// at every level (`sweep`).
 struct CaseRow {
-    const char *shape;
+    std::string shape;
     int w, h, d;
     std::vector<Type> types;
     std::vector<Element> elements;
+    std::vector<std::string> ops = {};
+    bool sweep = false;
 };
 const std::vector<CaseRow> &cases() {
-    static const std::vector<CaseRow> rows = {
-        {"4096x4096", 4096, 4096, 1, {Type::UInt8, Type::Float32},
-         {square("square3", 3), disk("disk5", 5), square("square15", 15), disk("disk15", 15)}},
-        // The types of microscopy and CT.
-        {"4096x4096", 4096, 4096, 1, {Type::UInt16, Type::Int16}, {square("square3", 3), disk("disk5", 5)}},
-        // A typical small image, where the cost of a call shows.
-        {"512x512", 512, 512, 1, {Type::UInt8}, {disk("disk5", 5)}},
-        {"256x256x256", 256, 256, 256, {Type::UInt8}, {cube("cube3", 3)}},
-    };
+    static const std::vector<CaseRow> rows = [] {
+        const std::vector<std::string> erode = {"imerode"};
+        std::vector<CaseRow> r = {
+            {"4096x4096", 4096, 4096, 1, {Type::UInt8, Type::Float32},
+             {square("square3", 3), disk("disk5", 5), square("square15", 15), disk("disk15", 15)}, {}, true},
+            // The types of microscopy and CT.
+            {"4096x4096", 4096, 4096, 1, {Type::UInt16, Type::Int16}, {square("square3", 3), disk("disk5", 5)}, {}, true},
+            // A typical small image, where the cost of a call shows.
+            {"512x512", 512, 512, 1, {Type::UInt8}, {disk("disk5", 5)}},
+            {"256x256x256", 256, 256, 256, {Type::UInt8}, {cube("cube3", 3)}},
+            // Sizes: the cost of a sample against the element's extent.
+            {"4096x4096", 4096, 4096, 1, {Type::UInt8, Type::UInt16, Type::Float32},
+             {square("square5", 5), square("square7", 7), square("square31", 31), square("square63", 63),
+              disk("disk3", 3), disk("disk7", 7), disk("disk31", 31), disk("disk63", 63), line("line1x31", 31, 1),
+              line("line31x1", 1, 31)},
+             erode},
+            {"4096x4096", 4096, 4096, 1, {Type::UInt16}, {square("square15", 15), disk("disk15", 15)}, erode},
+            // Background subtraction: a top-hat with a large disk, and a
+            // volume's top-hat against its two stages.
+            {"2048x2048", 2048, 2048, 1, {Type::UInt16}, {disk("disk51", 51)}, {"imtophat"}},
+            {"256x256x256", 256, 256, 256, {Type::UInt16}, {ball("ball5", 5)}, {"imtophat", "imerode", "imdilate"}},
+        };
+        // Row widths on about 4 M samples: blocks, crops, tiles.
+        for (int w : {48, 64, 128, 200, 255, 256, 512, 4096}) {
+            const int h = (4 << 20) / w;
+            r.push_back({std::to_string(w) + "x" + std::to_string(h), w, h, 1, {Type::UInt8, Type::Float32},
+                         {disk("disk5", 5), disk("disk15", 15)}, erode});
+        }
+        // Balls on volumes.
+        for (int n : {128, 256})
+            r.push_back({std::to_string(n) + "x" + std::to_string(n) + "x" + std::to_string(n), n, n, n,
+                         {Type::UInt8, Type::UInt16},
+                         {ball("ball1", 1), ball("ball3", 3), ball("ball7", 7), ball("ball15", 15)}, erode});
+        return r;
+    }();
     return rows;
 }
 
@@ -230,6 +273,28 @@ std::string compare(const Case &c, const Volume &ours, const Volume &peer) {
 
 int g_mismatches = 0;
 
+// Resident memory of the process from /proc: the current size and the peak
+// since the last reset (writing 5 to clear_refs resets the peak).  A case's
+// working memory is its peak less what was resident before it: the blocks
+// its tasks take, and an intermediate; the images are made beforehand.
+long proc_kib(const char *field) {
+    FILE *f = std::fopen("/proc/self/status", "r");
+    if (!f) return -1;
+    char line[256];
+    long v = -1;
+    const size_t n = std::strlen(field);
+    while (std::fgets(line, sizeof line, f))
+        if (!std::strncmp(line, field, n)) v = std::strtol(line + n, nullptr, 10);
+    std::fclose(f);
+    return v;
+}
+void reset_peak() {
+    if (FILE *f = std::fopen("/proc/self/clear_refs", "w")) {
+        std::fputs("5", f);
+        std::fclose(f);
+    }
+}
+
 void set_counters(benchmark::State &st, const Case &c) {
     st.counters["taps"] = c.se->taps();
     st.counters["samples"] = double(size_t(c.row->w) * c.row->h * c.row->d);
@@ -259,8 +324,13 @@ void run_ours(benchmark::State &st, Case c, EntryFn fn, int threads) {
     se.dim = se_dim;
     halide_buffer_t src = in.buf;  // the library takes non-const descriptors
 
-    // The check, which is also the warm-up call.
+    // The check, which is also the warm-up call; its working memory is
+    // the case's.
+    malloc_trim(0);  // what earlier cases freed is not counted as resident
+    const long before = proc_kib("VmRSS:");
+    reset_peak();
     int status = fn(&src, &mm, &se, &out.buf);
+    const long peak = proc_kib("VmHWM:");
     std::string diff = status != 0 ? "entry point returned " + std::to_string(status) : compare(c, out, ref);
     if (!diff.empty()) {
         st.SkipWithError(diff.c_str());
@@ -272,6 +342,7 @@ void run_ours(benchmark::State &st, Case c, EntryFn fn, int threads) {
         benchmark::ClobberMemory();
     }
     set_counters(st, c);
+    if (before >= 0 && peak >= before) st.counters["work_MiB"] = double(peak - before) / 1024.0;
 }
 
 // OpenCV timed as is (`stripes` 1), or cut into bands of rows (see
@@ -395,7 +466,9 @@ void register_all() {
         for (Type t : row.types)
             for (const Element &se : row.elements)
                 for (const OperatorRow &op : kOperators) {
-                    if (!exports().count(std::string(op.word) + "_" + type_word(t) + "_none")) continue;
+                    if (!exports().count(std::string(op.word) + "_" + type_word(t) + "_" + best)) continue;
+                    if (!row.ops.empty() && std::find(row.ops.begin(), row.ops.end(), op.word) == row.ops.end())
+                        continue;
                     Case c{&op, &row, t, &se};
                     // One thread for every case (one OpenCV call runs on
                     // one), and all of them.
@@ -413,7 +486,7 @@ void register_all() {
                     }
                     for (const char *level : levels_here())
                         for (int n : thread_counts) {
-                            if (best != level && (n != 1 || !op.sweep || row.w < 4096)) continue;
+                            if (best != level && (n != 1 || !op.sweep || !row.sweep)) continue;
                             auto e = exports().find(std::string(op.word) + "_" + type_word(t) + "_" + level);
                             if (e != exports().end()) add(level, n, run_ours, e->second, n);
                         }

@@ -46,7 +46,30 @@ set grid
 set key top left
 plot for [i=0:$((series - 1))] "$out/taps.dat" index i using 1:2 with points pointsize 1.5 title columnheader(1)
 GP
-    echo "report: $out/report.md, plot: $out/taps.png"
+    for curve in sizes widths; do
+        dat="$out/taps_$curve.dat"
+        [ -s "$dat" ] || continue
+        n=$(grep -c '^"' "$dat" || true)
+        if [ "$curve" = sizes ]; then
+            title="Erosion, 4096 x 4096, one thread: time per output sample against the element's extent"
+            xlabel="extent of the square or disk (samples)"
+        else
+            title="Erosion, about 4 M samples, one thread: time per output sample against the row's width"
+            xlabel="row width (samples)"
+        fi
+        gnuplot <<GP
+set terminal pngcairo size 1000,640 noenhanced
+set output "$out/$curve.png"
+set title "$title"
+set xlabel "$xlabel"
+set ylabel "ns per output sample"
+set logscale xy
+set grid
+set key outside right
+plot for [i=0:$((n - 1))] "$dat" index i using 1:2 with linespoints pointsize 1.2 title columnheader(1)
+GP
+    done
+    echo "report: $out/report.md, plots: $out/taps.png $out/sizes.png $out/widths.png"
 else
     echo "report: $out/report.md (gnuplot not found: no plot)"
 fi

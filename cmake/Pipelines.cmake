@@ -44,7 +44,7 @@ add_custom_command(OUTPUT "${TM_GEN_DIR}/tm_lanes.h"
 # One pipeline per export, under an internal name.
 set(TM_PIPELINE_LIBS "")
 set(_prototypes "")
-set(_exports_c "/* Generated from the list of entry points: one thin export per pipeline, and its adapter from the frame's call to the compiled pipeline. */\n#include <stdbool.h>\n\n#include \"frame.h\"\n#include \"tm_lanes.h\"\n\n#define TM_WINDOW(c) (c)->window_min[0], (c)->window_min[1], (c)->window_min[2], (c)->window_extent[0], (c)->window_extent[1], (c)->window_extent[2]\n#define TM_BANDS(c) (c)->by_taps != 0, (c)->by_box != 0, (c)->by_planes != 0, (c)->tap_runs, (c)->longest_run, (c)->by_runs != 0\n\n")
+set(_exports_c "/* Generated from the list of entry points: one thin export per pipeline, and its adapter from the frame's call to the compiled pipeline. */\n#include <stdbool.h>\n\n#include \"frame.h\"\n#include \"tm_lanes.h\"\n\n#define TM_WINDOW(c) (c)->window_min[0], (c)->window_min[1], (c)->window_min[2], (c)->window_extent[0], (c)->window_extent[1], (c)->window_extent[2]\n#define TM_BANDS(c) (c)->walk, (c)->tap_runs, (c)->longest_run\n\n")
 set(_version "{\n  global:\n")
 set(_entries "/* Generated from the list of entry points: TM_ENTRY(operator, type, level, output). */\n")
 foreach (op IN LISTS TM_OPERATORS)
@@ -62,6 +62,9 @@ foreach (op IN LISTS TM_OPERATORS)
         endif ()
         foreach (l IN LISTS TM_LEVELS)
             set(name "${op}_${t}_${l}")
+            if (TM_ONLY AND NOT name MATCHES "${TM_ONLY}")
+                continue()
+            endif ()
             string(REPLACE "-" ";" features "${TM_FEATURES_${l}}")
             set(stage "${TM_STAGE_${op}}")
             set(params keyimForType.type=${ht} ${out}.type=${ht} boolean=${is_bool})
@@ -85,7 +88,7 @@ foreach (op IN LISTS TM_OPERATORS)
             string(APPEND _prototypes
                    "int ${name}(halide_buffer_t *keyimForType, halide_buffer_t *minmax, halide_buffer_t *strel, halide_buffer_t *${out});\n")
             string(APPEND _exports_c
-                   "int tm_${name}(halide_buffer_t *, halide_buffer_t *, halide_buffer_t *, bool, int32_t, int32_t, int32_t, int32_t, int32_t, int32_t, bool, bool, bool, halide_buffer_t *, int32_t, bool, halide_buffer_t *${stage_arg});\n"
+                   "int tm_${name}(halide_buffer_t *, halide_buffer_t *, halide_buffer_t *, bool, int32_t, int32_t, int32_t, int32_t, int32_t, int32_t, int32_t, halide_buffer_t *, int32_t, halide_buffer_t *${stage_arg});\n"
                    "static int run_${name}(const tm_call *c) {\n"
                    "    return tm_${name}(c->keyimForType, c->minmax, c->strel, c->wide != 0, TM_WINDOW(c), TM_BANDS(c), c->out${stage_pass});\n}\n"
                    "__attribute__((visibility(\"default\"))) int ${name}(halide_buffer_t *keyimForType, halide_buffer_t *minmax, halide_buffer_t *strel, halide_buffer_t *${out}) {\n"
@@ -152,7 +155,7 @@ add_library(tm_frame_objects OBJECT
             dispatch/par_for.cpp dispatch/load_hook.c)
 set_target_properties(tm_frame_objects PROPERTIES POSITION_INDEPENDENT_CODE ON
                       C_VISIBILITY_PRESET hidden CXX_VISIBILITY_PRESET hidden)
-target_include_directories(tm_frame_objects PRIVATE frame dispatch "${TM_GEN_DIR}")
+target_include_directories(tm_frame_objects PRIVATE frame dispatch stages "${TM_GEN_DIR}")
 target_link_libraries(tm_frame_objects PRIVATE Halide::Runtime TBB::tbb)
 target_compile_options(tm_frame_objects PRIVATE -Wall -Wextra)
 

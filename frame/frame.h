@@ -19,11 +19,11 @@ typedef struct {
     int wide;  /* the image is wider than L: rows are cut into chunks */
     /* Opening's window, in the pipeline's coordinates; may be empty. */
     int32_t window_min[3], window_extent[3];
-    /* The band walk chosen from the mask (see tm_plan_walk). */
-    int by_taps, by_box, by_planes;
+    /* The walk chosen for the call (stages/walks.h, see tm_plan_walk),
+     * and the mask's runs the band walks read. */
+    int32_t walk;
     halide_buffer_t *tap_runs;
     int32_t longest_run;
-    int by_runs;
 } tm_call;
 
 /* Each export's adapter from a tm_call to its compiled pipeline. */
@@ -70,13 +70,13 @@ static inline int32_t tm_max(int32_t a, int32_t b) { return a > b ? a : b; }
  * beyond 2^24 the rounding of that conversion is part of the result. */
 int32_t tm_centre(int32_t extent);
 
-/* How the call's stages walk the mask (walk_plan.c): the band walk chosen,
- * if any, and the mask's runs of taps in the walk's order (first r0,
- * length, r1, r2), described for the pipeline. */
+/* How the call's stages walk the mask (walk_plan.c): the walk chosen (one
+ * of stages/walks.h), and the mask's runs of taps in the walk's order
+ * (first r0, length, r1, r2), described for the pipeline. */
 #define TM_MAX_RUNS 1024
 #define TM_RUN_FIELDS 4
 typedef struct {
-    int by_taps, by_box, by_planes, by_runs;
+    int32_t walk;
     int32_t count, longest;
     int32_t runs[TM_MAX_RUNS][TM_RUN_FIELDS];
     halide_dimension_t dim[2];

@@ -40,15 +40,13 @@ public:
         window_min_2{"window_min_2"};
     typename Base::template Input<int32_t> window_extent_0{"window_extent_0"},
         window_extent_1{"window_extent_1"}, window_extent_2{"window_extent_2"};
-    // The band walk the entry point chose from the mask (at most one flag
-    // is set, and only in the wide branch), and the mask's runs of taps in
-    // the walk's order: four int32 per run (first r0, length, r1, r2),
-    // `longest_run` the longest.  `by_runs`: the walk of those runs by
-    // doubled folds (integer types).
-    typename Base::template Input<bool> by_taps{"by_taps"}, by_box{"by_box"}, by_planes{"by_planes"};
+    // The walk the entry point chose for the call (stages/walks.h; a band
+    // walk only in the wide branch), and the mask's runs of taps in the
+    // walk's order: four int32 per run (first r0, length, r1, r2),
+    // `longest_run` the longest.
+    typename Base::template Input<int32_t> walk{"walk"};
     typename Base::template Input<Buffer<int32_t>> tap_runs{"tap_runs", 2};
     typename Base::template Input<int32_t> longest_run{"longest_run"};
-    typename Base::template Input<bool> by_runs{"by_runs"};
     typename Base::template Output<Buffer<>> out{output_name(), 3};
 
     static const char *output_name() {
@@ -67,7 +65,7 @@ public:
         Sources s;
         s.el = Element{keyimForType.type(), boolean};
         const int lanes = this->natural_vector_size(s.el.storage);
-        s.branch = Branch{wide, lanes, by_taps, by_box, by_planes, by_runs};
+        s.branch = Branch{wide, lanes, walk};
         // Only the baseline level's vector loop converts uint32 by halves.
         const Target t = this->get_target();
         s.halves = t.has_feature(Target::SSE41) ? Expr(false) : s.branch.wide;

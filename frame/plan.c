@@ -486,11 +486,14 @@ int tm_run_pipeline(const tm_entry *e, const tm_view v[4]) {
     } else if (runs) {
         /* How the stages walk the mask, read off it once for the call: the
          * first read of any sample, made only once the call will run. */
-        tm_plan_walk(e, v, p.wide, e->stage ? h.stage_dim[0].extent : 0, &h.walk);
-        h.call.by_taps = h.walk.by_taps;
-        h.call.by_box = h.walk.by_box;
-        h.call.by_planes = h.walk.by_planes;
-        h.call.by_runs = h.walk.by_runs;
+        /* A call that reads no sample of the image (it stands for all of
+         * it as one sample placed aside) or none of opening's intermediate
+         * (an empty window) is walked directly: its band walks would copy
+         * rows of an empty domain, whose bounds the pipeline cannot size. */
+        bool degenerate = p.image_dummy;
+        for (int d = 0; d < 3 && e->stage; d++) degenerate |= h.call.window_extent[d] <= 0 && opening(e);
+        tm_plan_walk(e, v, p.wide && !degenerate, e->stage ? h.stage_dim[0].extent : 0, &h.walk);
+        h.call.walk = h.walk.walk;
         h.call.tap_runs = &h.walk.buffer;
         h.call.longest_run = h.walk.longest;
         h.stage.host = (uint8_t *)block;

@@ -9,15 +9,17 @@
  * mask byte; a mask whose bytes are all 1 over its whole box goes through
  * the box walk, which folds rows and planes separately.
  *
- * A band walk needs rows at least one block wide (every stage of the call),
- * and its rows are held per band task, so a mask with a very long reach
- * across rows or planes keeps the direct walk, as does a mask with more
- * runs than the list holds. */
+ * A band walk needs rows at least one chunk wide (every stage of the call;
+ * rows narrower than a block walk blocks of one chunk), and its rows are
+ * held per band task, so a mask with a very long reach across rows or
+ * planes keeps the direct walk, as does a mask with more runs than the list
+ * holds. */
 #include "frame.h"
 
 #include <string.h>
 
 #include "tm_lanes.h"
+#include "walks.h"
 
 enum { IM, MM, SE, OUT };
 
@@ -40,8 +42,10 @@ void tm_plan_walk(const tm_entry *e, const tm_view v[4], int wide, int32_t stage
     p->buffer.dimensions = 2;
     p->buffer.dim = p->dim;
 
+    /* Rows narrower than a block walk blocks of one chunk (the walks of
+     * runs only, below); rows narrower than one chunk have no band walk. */
     const int64_t block = (int64_t)TM_BLOCK_CHUNKS * e->lanes;
-    if (!wide || v[OUT].extent[0] < block || (e->stage && stage_width < block)) return;
+    if (!wide || v[OUT].extent[0] < e->lanes || (e->stage && stage_width < e->lanes)) return;
     int64_t ext[3], c[3];
     for (int d = 0; d < 3; d++) {
         ext[d] = se->extent[d];
@@ -89,7 +93,7 @@ void tm_plan_walk(const tm_entry *e, const tm_view v[4], int wide, int32_t stage
      * nothing and keeps the tap walk. */
     int64_t taps = 0;
     for (int32_t i = 0; i < count; i++) taps += p->runs[i][1];
-    int by_runs = !full && e->code != halide_type_float && longest < ((int32_t)1 << TM_RUN_LEVELS) &&
+    int by_runs = e->code != halide_type_float && longest < ((int32_t)1 << TM_RUN_LEVELS) &&
                   taps >= 2 * (int64_t)count + 2 * TM_RUN_LEVELS;
 
     /* What a band task holds: TM_RING_ROWS rows in every plane the mask
@@ -106,17 +110,18 @@ void tm_plan_walk(const tm_entry *e, const tm_view v[4], int wide, int32_t stage
      * a box is walked by taps (measured: float32 3 x 3 by taps about 0.7 of
      * the time of the fold; from 5 x 5 on the fold is faster). */
     if (full && e->code == halide_type_float && ext[0] * ext[1] * ext[2] <= TM_FLOAT_TAPS_BEFORE_FOLD) full = 0;
+    /* Rows narrower than a block: of the band walks only those of runs take
+     * them (stages/walks.h), so a box goes by its runs there. */
+    if (full && (v[OUT].extent[0] < block || (e->stage && stage_width < block))) {
+        if (!fits) return;
+        full = 0;
+    }
     if (full) {
         /* Integers can fold the planes first (any grouping gives the same
          * minimum); the floating types keep the walk's grouping. */
-        if (ext[2] > 1 && e->code != halide_type_float)
-            p->by_planes = 1;
-        else
-            p->by_box = 1;
-    } else if (by_runs) {
-        p->by_runs = 1;
+        p->walk = ext[2] > 1 && e->code != halide_type_float ? TM_WALK_PLANES : TM_WALK_BOX;
     } else {
-        p->by_taps = 1;
+        p->walk = by_runs ? TM_WALK_RUNS : TM_WALK_TAPS;
     }
     p->count = count;
     p->longest = longest;

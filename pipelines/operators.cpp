@@ -32,9 +32,9 @@ Source image_source(const Sources &s, const Expr &pad) {
     return src;
 }
 
-// One walk of a stage, both ways: directly over the padded source (`direct`)
+// One walk of a stage, every way: directly over the padded source (`direct`)
 // and as band walks over its rows (`bands`).  `value` is the walk's result
-// at the stage's coordinates, chosen by the entry point's flags.
+// at the stage's coordinates, the one of the walk the entry point chose.
 struct StageWalk {
     Func direct;
     BandWalks bands;
@@ -47,14 +47,12 @@ StageWalk stage_walk(Walk w, const Sources &s, const Func &padded_source, const 
     sw.direct = element_walk(w, padded_source, s.se, s.el, name, at);
     sw.bands = band_walks(w, src, s.se, s.runs, s.el, name, at);
     const Var &x = at[0], &y = at[1], &z = at[2];
+    // The schedule branches on the same value, so in each branch the
+    // selects fold to the branch's own walk.
     Expr v = sw.direct(x, y, z);
-    // Nested in the order of the schedule's specializations, so that in each
-    // branch the flags of the branches before it are known false and only
-    // the branch's own walk is left.
-    if (sw.bands.plane_box.defined()) v = select(s.branch.by_planes, sw.bands.plane_box(x, y, z), v);
-    if (sw.bands.runs_walk.defined()) v = select(s.branch.by_runs, sw.bands.runs_walk(x, y, z), v);
-    v = select(s.branch.by_box, sw.bands.box(x, y, z), v);
-    sw.value = select(s.branch.by_taps, sw.bands.taps(x, y, z), v);
+    for (const auto &c : band_cases(sw.bands))
+        if (c.second.defined()) v = select(s.branch.takes(c.first), c.second(x, y, z), v);
+    sw.value = v;
     return sw;
 }
 

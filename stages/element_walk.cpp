@@ -134,6 +134,10 @@ Expr offset_of(const Expr &value, const Strel &se, int d) {
 
 }  // namespace
 
+std::vector<std::pair<tm_walk, Func>> band_cases(const BandWalks &b) {
+    return {{TM_WALK_TAPS, b.taps}, {TM_WALK_BOX, b.box}, {TM_WALK_PLANES, b.plane_box}, {TM_WALK_RUNS, b.runs_walk}};
+}
+
 BandWalks band_walks(Walk w, const Source &src, const Strel &se, const Runs &runs, const Element &el,
                      const std::string &name, const std::vector<Var> &at) {
     const Var &x = at[0], &y = at[1], &z = at[2];
@@ -318,6 +322,7 @@ BandWalks band_walks(Walk w, const Source &src, const Strel &se, const Runs &run
             b.runs_walk(x, y, z) = combine(w, b.runs_walk(x, y, z), combine(w, s1, s2, el), el);
             b.runs_r.push_back(g);
         }
+
     }
     return b;
 }

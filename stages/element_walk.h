@@ -9,6 +9,10 @@
 #include "Halide.h"
 
 #include <string>
+#include <utility>
+#include <vector>
+
+#include "walks.h"
 
 namespace morph {
 
@@ -106,9 +110,9 @@ struct Runs {
 // The fields of one run in that list: first r0, length, r1, r2.
 constexpr int kRunFields = 4;
 
-// Levels of doubled folds kept per source row: folds of 1, 2, 4, 8 and 16
-// samples, enough for runs of up to 31 taps.
-constexpr int kRunLevels = 5;
+// Levels of doubled folds kept per source row: folds of 1, 2, 4, ..., 32
+// samples, enough for runs of up to 63 taps (disks up to radius 31).
+constexpr int kRunLevels = 6;
 
 // Every Func and reduction domain of one stage's band walks, for the
 // schedule.  Forms a type cannot use stay undefined.
@@ -146,6 +150,12 @@ struct BandWalks {
     Halide::Func runs_walk;
     std::vector<Halide::RDom> runs_r;
 };
+
+// The band walks of a stage in the order of walks.h, each with the Func
+// that computes it (undefined where the element type has no such walk).
+// The algorithm selects among them and the schedule branches on them from
+// this one list.
+std::vector<std::pair<tm_walk, Halide::Func>> band_cases(const BandWalks &b);
 
 // Builds the band walks of one stage.  The rows copy the source's whole
 // domain in dimension 0: the entry point cuts the image (and opening's

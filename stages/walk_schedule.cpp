@@ -52,31 +52,36 @@ void ring(Func f, Func out, const Var &yo, const Var &yb, int L) {
 // widening it to an address.
 //
 // `update` picks the walk's update over `r` (a walk may fold several).
-void block_fold(Func walk, int update, const RDom &r, int L) {
+//
+// On rows narrower than a block (`narrow`) the block is one chunk: the same
+// fold with one accumulator, vectorized by L.
+void block_fold(Func walk, int update, const RDom &r, int L, const Expr &narrow) {
     Var wx = walk.args()[0], wk("wk");
-    std::vector<VarOrRVar> order = {wx, wk};
-    for (int i = 0; i < r.dimensions(); i++) order.push_back(r[i]);
-    walk.update(update).split(wx, wk, wx, kVectorChunks * L).vectorize(wx).unroll(wk).reorder(order);
+    std::vector<VarOrRVar> order = {wx, wk}, one = {wx};
+    for (int i = 0; i < r.dimensions(); i++) order.push_back(r[i]), one.push_back(r[i]);
+    Stage s = walk.update(update);
+    s.specialize(narrow).vectorize(wx, L).reorder(one);
+    s.split(wx, wk, wx, kVectorChunks * L).vectorize(wx).unroll(wk).reorder(order);
 }
 
-void block_walk(Func walk, const RDom &r, Func out, const Var &xo, int L) {
+void block_walk(Func walk, const RDom &r, Func out, const Var &xo, int L, const Expr &narrow) {
     walk.compute_at(out, xo);
+    walk.specialize(narrow).vectorize(walk.args()[0], L);
     walk.vectorize(walk.args()[0], kBlockChunks * L);
-    block_fold(walk, 0, r, L);
+    block_fold(walk, 0, r, L, narrow);
 }
 
 // A ring of folds: `fold` kept per source row, computed block by block of
 // K chunks (the last block moved back inwards, so nothing beyond the rows
 // the band reads is touched) from `walk`, whose fold over `r` runs with the
 // block's accumulators in registers.
-void folded_ring(Func fold, Func walk, const RDom &r, Func out, const Var &yo, const Var &yb, int L) {
+void folded_ring(Func fold, Func walk, const RDom &r, Func out, const Var &yo, const Var &yb, int L,
+                 const Expr &narrow) {
     Var u = fold.args()[0], uo("uo"), ui("ui");
-    fold.store_at(out, yo)
-        .compute_at(out, yb)
-        .fold_storage(fold.args()[1], kRingRows)
-        .split(u, uo, ui, kBlockChunks * L, TailStrategy::ShiftInwards)
-        .vectorize(ui);
-    block_walk(walk, r, fold, uo, L);
+    fold.store_at(out, yo).compute_at(out, yb).fold_storage(fold.args()[1], kRingRows);
+    fold.specialize(narrow).split(u, uo, ui, L, TailStrategy::ShiftInwards).vectorize(ui);
+    fold.split(u, uo, ui, kBlockChunks * L, TailStrategy::ShiftInwards).vectorize(ui);
+    block_walk(walk, r, fold, uo, L, narrow);
 }
 
 }  // namespace
@@ -88,78 +93,91 @@ void schedule_stage(Func out, Func walk, const Branch &b, const BandWalks *bands
     // Directives given before specialize() hold in every branch.
     out.parallel(z).parallel(y);
 
+    // One branch per walk, on the walk's value: in each, the value is known
+    // and the algorithm's selects among the walks fold away, so a branch
+    // computes its own walk and nothing else.
     if (bands) {
         // Band tasks: y split into bands and the bands into band tasks; the
         // tasks in parallel, a task's bands and a band's rows in order;
-        // blocks of K chunks along x.
+        // blocks of K chunks along x, or of one chunk on rows narrower than
+        // a block (the walks' and folds' own schedules follow the same test).
         Expr bands_per_plane = (out.output_buffer().dim(1).extent() + kBandRows - 1) / kBandRows;
         Expr bands_per_task = max((bands_per_plane + kTasksPerPlane - 1) / kTasksPerPlane, 1);
-        auto band_branch = [&](const Expr &cond) {
-            out.specialize(cond)
-                .split(y, yb, yi, kBandRows, TailStrategy::GuardWithIf)
-                .split(yb, yo, yb, bands_per_task, TailStrategy::GuardWithIf)
-                .parallel(yo)
-                .serial(yb)
-                .serial(yi)
-                .split(x, xo, xi, K * L, TailStrategy::ShiftInwards)
-                .vectorize(xi);
-        };
-        BandWalks w = *bands;
+        const Expr narrow_rows = out.output_buffer().dim(0).extent() < K * L;
+        BandWalks w = *bands;  // Funcs are handles: scheduling a copy schedules the stage's own
         if (w.copied) {
             ring(w.rows, out, yo, yb, L);
             RVar co("co"), ci("ci");
             w.rows.update().split(w.copy.x, co, ci, L, TailStrategy::GuardWithIf).vectorize(ci);
         }
-        band_branch(b.by_taps);
-        block_walk(w.taps, w.taps_r, out, xo, L);
-        band_branch(b.by_box);
-        folded_ring(w.row_fold, w.row_walk, w.row_r, out, yo, yb, L);
-        block_walk(w.box, w.box_r, out, xo, L);
-        if (w.dirty.defined()) {
-            // The NaN tests: per source row, once per band, as a vector
-            // of lanes folded at the end; per output row, over the rows it
-            // reads.  The rows a NaN sends back to the taps walk them in
-            // blocks like the rest.
-            w.row_nan.compute_at(out, yb);
-            w.row_nan.update().atomic().vectorize(w.nan_r.x, L);
-            w.dirty.compute_at(out, yi);
-            block_fold(w.box, 1, w.box_taps_r, L);
-        }
-        if (w.runs_walk.defined()) {
-            // The levels of every source row the band reads, kept in the
-            // ring like the rows, level by level over whole rows; then the
-            // runs walked in blocks like the taps.
-            band_branch(b.by_runs);
-            for (size_t k = 1; k < w.levels.size(); k++) ring(w.levels[k], out, yo, yb, L);
-            block_walk(w.runs_walk, w.runs_r[0], out, xo, L);
-            for (size_t k = 1; k < w.runs_r.size(); k++) block_fold(w.runs_walk, int(k), w.runs_r[k], L);
-        }
-        if (w.plane_box.defined()) {
-            band_branch(b.by_planes);
-            folded_ring(w.plane_fold, w.plane_walk, w.plane_r, out, yo, yb, L);
-            folded_ring(w.plane_row_fold, w.plane_row_walk, w.plane_row_r, out, yo, yb, L);
-            block_walk(w.plane_box, w.plane_box_r, out, xo, L);
+        for (const auto &c : band_cases(w)) {
+            if (!c.second.defined()) continue;
+            // Blocks of one chunk only for the walks that rows narrower than
+            // a block take (walks.h); a branch costs compile time in every
+            // one of the 162 pipelines.
+            const Expr narrow = takes_narrow_rows(c.first) ? narrow_rows : Internal::const_false();
+            Stage s = out.specialize(b.takes(c.first));
+            s.split(y, yb, yi, kBandRows, TailStrategy::GuardWithIf)
+                .split(yb, yo, yb, bands_per_task, TailStrategy::GuardWithIf)
+                .parallel(yo)
+                .serial(yb)
+                .serial(yi);
+            s.specialize(narrow).split(x, xo, xi, L, TailStrategy::ShiftInwards).vectorize(xi);
+            s.split(x, xo, xi, K * L, TailStrategy::ShiftInwards).vectorize(xi);
+            switch (c.first) {
+            case TM_WALK_TAPS: block_walk(w.taps, w.taps_r, out, xo, L, narrow); break;
+            case TM_WALK_BOX:
+                folded_ring(w.row_fold, w.row_walk, w.row_r, out, yo, yb, L, narrow);
+                block_walk(w.box, w.box_r, out, xo, L, narrow);
+                if (w.dirty.defined()) {
+                    // The NaN tests: per source row, once per band, as a
+                    // vector of lanes folded at the end; per output row,
+                    // over the rows it reads.  The rows a NaN sends back to
+                    // the taps walk them in blocks like the rest.
+                    w.row_nan.compute_at(out, yb);
+                    w.row_nan.update().atomic().vectorize(w.nan_r.x, L);
+                    w.dirty.compute_at(out, yi);
+                    block_fold(w.box, 1, w.box_taps_r, L, narrow);
+                }
+                break;
+            case TM_WALK_PLANES:
+                folded_ring(w.plane_fold, w.plane_walk, w.plane_r, out, yo, yb, L, narrow);
+                folded_ring(w.plane_row_fold, w.plane_row_walk, w.plane_row_r, out, yo, yb, L, narrow);
+                block_walk(w.plane_box, w.plane_box_r, out, xo, L, narrow);
+                break;
+            case TM_WALK_RUNS:
+                // The levels of every source row the band reads, kept in the
+                // ring like the rows, level by level over whole rows; then
+                // the runs walked in blocks like the taps.
+                for (size_t k = 1; k < w.levels.size(); k++) ring(w.levels[k], out, yo, yb, L);
+                block_walk(w.runs_walk, w.runs_r[0], out, xo, L, narrow);
+                for (size_t k = 1; k < w.runs_r.size(); k++) block_fold(w.runs_walk, int(k), w.runs_r[k], L, narrow);
+                break;
+            default: break;
+            }
         }
     }
 
-    // The block branch: blocks of K chunks, the last one moved back inwards
-    // like the last chunk; inside a block the element walk runs once with
-    // the K chunks innermost, so that every chunk still meets the taps in
-    // the walk's own order.  Only where the row holds enough whole blocks.
+    // The direct walk.  The block branch: blocks of K chunks, the last one
+    // moved back inwards like the last chunk; inside a block the element
+    // walk runs once with the K chunks innermost, so that every chunk still
+    // meets the taps in the walk's own order.  Only where the row holds
+    // enough whole blocks.
+    Stage d = bands ? out.specialize(b.takes(TM_WALK_DIRECT)) : Stage(out);
     const bool chained = walk.output_types()[0].is_float();
     const int KF = kFloatChunks;
     Expr blocks = b.wide && out.output_buffer().dim(0).extent() >= kMinBlocksPerRow * KF * L;
     if (chained) {
-        out.specialize(blocks)
+        d.specialize(blocks)
             .split(x, xo, xi, KF * L, TailStrategy::ShiftInwards)
             .split(xi, xk, xi, L)
             .vectorize(xi)
             .unroll(xk);
     }
-    out.specialize(b.wide)
-        .split(x, xo, xi, L, TailStrategy::ShiftInwards)
-        .vectorize(xi);
-    out.split(x, xo, xi, 1);
+    d.specialize(b.wide).split(x, xo, xi, L, TailStrategy::ShiftInwards).vectorize(xi);
+    d.split(x, xo, xi, 1);
+    // The frame hands over one of the walks listed; no other value reaches here.
+    if (bands) out.specialize_fail("the entry point handed over an unknown walk");
 
     walk.compute_at(out, xo);
     Var wx = walk.args()[0], wk("wk");

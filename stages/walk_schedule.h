@@ -21,45 +21,49 @@
 #include "Halide.h"
 
 #include "element_walk.h"
+#include "walks.h"
 
 namespace morph {
 
 // Chunks walked side by side in a band walk's block: that many
 // accumulators in registers, the walk's own bookkeeping paid once per block.
-// The entry point takes a band walk only for rows at least this many chunks
-// wide.
+// Rows narrower than a block but at least one chunk wide walk blocks of one
+// chunk instead (a branch of its own), so that a row of a few chunks (a
+// crop, a dask block, a microscopy volume's row) still takes a band walk.
 constexpr int kBlockChunks = 8;
 
-// Output rows of one band task.  The task computes every row its band
-// reads, of the source and of its folds, once, then walks the band's rows.
-// (Halide's sliding window would interleave the two, a row at a time, but
-// the guard on a band's rows past the output's end keeps it from seeing
-// that the rows move monotonically.)
-constexpr int kBandRows = 32;
+// Output rows of one band.  A band computes every row it reads, of the
+// source and of its folds, once, then walks its rows; the rows it shares
+// with the band before it are computed again, so a band's cost grows by
+// (kBandRows + reach) / kBandRows.  (Halide's sliding window would
+// interleave the two, a row at a time, but the guard on a band's rows past
+// the output's end keeps it from seeing that the rows move monotonically.)
+// 64 rows keep that growth under 2 for masks reaching 63 rows (a disk of
+// radius 31), at a ring of 128 rows.
+constexpr int kBandRows = 64;
 
 // Rows a band task keeps of every ring it writes out: a band's rows and
 // the mask's reach across rows.  The entry point takes a band walk only for
 // a mask that reaches no further (extent in dimension 1 at most
-// kRingRows - kBandRows + 1).
-constexpr int kRingRows = 64;
+// kRingRows - kBandRows + 1 = 65).
+constexpr int kRingRows = 128;
 
 struct Branch {
     Halide::Expr wide;  // the image is wider than one vector
     int lanes;          // L: the natural vector size of the element type
-    // The band walk the entry point chose for the call, if any (at most one
-    // is true): the tap walk, the box walk, the box walk planes first, the
-    // walk of runs by doubled folds (integer types).
-    Halide::Expr by_taps, by_box, by_planes, by_runs;
+    Halide::Expr walk;  // the walk the entry point chose (walks.h)
+    Halide::Expr takes(tm_walk w) const { return walk == static_cast<int>(w); }
 };
 
+
 // `out` is the stage's Func, an output of the pipeline (its buffer's width
-// picks the block branch); `walk` the element walk whose pure and update
-// definitions are computed per chunk (or block) of `out`.  In the wide branch the row
-// is split by L with a shift-inwards tail, so every chunk is L full lanes
-// and a short last one moves back to end on the row's last sample; blocks
-// of chunks are split and moved back the same way.  `bands`, where given,
-// are the stage's band walks: `out` selects among them and `walk` by the
-// branch's flags.
+// picks the block branch); `walk` the direct walk whose pure and update
+// definitions are computed per chunk (or block) of `out`.  In the wide
+// branch the row is split by L with a shift-inwards tail, so every chunk is
+// L full lanes and a short last one moves back to end on the row's last
+// sample; blocks of chunks are split and moved back the same way.  `bands`,
+// where given, are the stage's band walks: `out` selects among them and
+// `walk` by the branch's walk (band_cases).
 void schedule_stage(Halide::Func out, Halide::Func walk, const Branch &b, const BandWalks *bands = nullptr);
 
 }  // namespace morph

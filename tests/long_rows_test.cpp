@@ -1,5 +1,6 @@
 // Long rows at every entry point against the scalar reference.  Rows at
-// least one block wide go to the band walks, chosen by the mask: each mask
+// least one chunk wide go to the band walks (in blocks of one chunk below
+// one block), chosen by the mask: each mask
 // below aims at one of them (the tap walk over runs, the box walk, the box
 // walk planes first, and the direct walk kept for a mask with too many
 // runs), on images whose row bands, blocks and borders fall differently,
@@ -72,26 +73,34 @@ const MaskCase kMasks[] = {
      [](int i, int j, int k, std::mt19937 &) -> uint8_t { return (i - 3) * (i - 3) + 4 * (j - 2) * (j - 2) + 9 * (k - 1) * (k - 1) <= 16; }},
     {"random bytes across planes", {6, 4, 2}, [](int, int, int, std::mt19937 &r) -> uint8_t { return "\0\1\1\2"[r() % 4]; }},
     {"one tap off the centre", {5, 3, 2}, [](int i, int j, int k, std::mt19937 &) -> uint8_t { return i == 4 && j == 0 && k == 1; }},
-    {"tall column: a band taller than 32 rows", {1, 23, 1}, one},
-    {"column of 40: more rows than a band task keeps: direct walk", {1, 40, 1}, one},
+    {"tall column: a band taller than 16 rows", {1, 23, 1}, one},
+    {"column of 40: a ring deeper than two bands", {1, 40, 1}, one},
+    {"column of 63: a band and the deepest reach its ring keeps", {1, 63, 1}, one},
+    {"row of 50 with a gap: runs of 40 and 9 read through folds of 32", {50, 1, 1},
+     [](int i, int, int, std::mt19937 &) -> uint8_t { return i != 40; }},
+    {"column of 100: more rows than a band task keeps: direct walk", {1, 100, 1}, one},
     {"checkerboard of more runs than the list holds: direct walk", {64, 34, 1},
      [](int i, int j, int, std::mt19937 &) -> uint8_t { return (i + j) % 2; }},
 };
 
 // Image shapes, with the block width B = 8 L of the entry point: widths at
-// and around whole blocks, heights across band boundaries, outputs that
-// reach past the image or start inside it.
+// and around whole blocks, and below one block (blocks of one chunk),
+// heights across band boundaries, outputs that reach past the image or
+// start inside it.
 struct ShapeCase {
     const char *what;
-    int32_t width_blocks, width_extra, height, planes;
+    int32_t width_blocks, width_chunks, width_extra, height, planes;
     int32_t out_before, out_after, out_rows_before, out_rows_after;
     int32_t im_min[3];
 };
 
 const ShapeCase kShapes[] = {
-    {"exactly one block", 1, 0, 33, 2, 0, 0, 0, 0, {0, 0, 0}},
-    {"one block and a bit, output beyond the image", 1, 5, 40, 3, 3, 4, 2, 3, {-7, 5, -1}},
-    {"two blocks less one, output inside the image", 2, -1, 70, 1, -6, -9, -2, -5, {11, -3, 2}},
+    {"exactly one block", 1, 0, 0, 33, 2, 0, 0, 0, 0, {0, 0, 0}},
+    {"one block and a bit, output beyond the image", 1, 0, 5, 40, 3, 3, 4, 2, 3, {-7, 5, -1}},
+    {"two blocks less one, output inside the image", 2, 0, -1, 70, 1, -6, -9, -2, -5, {11, -3, 2}},
+    {"one sample short of a block: chunks", 1, 0, -1, 35, 2, 0, 0, 1, 0, {3, 0, 0}},
+    {"one chunk and a bit, output beyond the image, two bands", 0, 1, 3, 66, 2, 2, 1, 1, 2, {-2, 1, 0}},
+    {"three chunks and a half, output inside the image", 0, 3, 9, 34, 1, -3, -2, -1, -1, {0, 0, 0}},
 };
 
 class BandWalks : public testing::TestWithParam<Entry> {};
@@ -106,7 +115,7 @@ TEST_P(BandWalks, MatchReference) {
         for (const ShapeCase &sc : kShapes) {
             SCOPED_TRACE(std::string(m.what) + "; " + sc.what);
             Shape s{};
-            s.im_extent[0] = sc.width_blocks * block + sc.width_extra;
+            s.im_extent[0] = sc.width_blocks * block + sc.width_chunks * e.lanes + sc.width_extra;
             s.im_extent[1] = sc.height, s.im_extent[2] = sc.planes;
             std::copy(sc.im_min, sc.im_min + 3, s.im_min);
             const int32_t before[2] = {sc.out_before, sc.out_rows_before}, after[2] = {sc.out_after, sc.out_rows_after};

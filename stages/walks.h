@@ -1,0 +1,42 @@
+/* The walks by which a stage reaches the samples of its element.  The frame
+ * picks one for a call (frame/walk_plan.c) and hands it to the pipeline as
+ * the one value `walk`; the pipeline's algorithm (pipelines/operators.cpp)
+ * and its schedule (stages/walk_schedule.cpp) take their branches from this
+ * same list, in this order, so that the two can never disagree on which
+ * branch computes which walk.  C and C++ read it alike.
+ *
+ *   DIRECT  over the padded source in place, one task per row: any call, and
+ *           the only one on rows of at most one chunk (the narrow branch),
+ *           on rows narrower than one chunk of output, and on masks whose
+ *           reach or runs the others cannot hold.
+ *   TAPS    band walk over the mask's runs, tap by tap: any mask.
+ *   BOX     band walk of a mask filling its box: rows folded, then their
+ *           folds across rows and planes.
+ *   PLANES  the box walk planes first (integer types, boxes of several
+ *           planes): any grouping of a minimum serves for them.
+ *   RUNS    band walk of runs by doubled folds (integer types, masks of
+ *           long runs): each run met as two overlapping folds.
+ *
+ * Every band walk computes rows in blocks of TM_BLOCK_CHUNKS chunks; TAPS
+ * and RUNS also rows narrower than a block, in blocks of one chunk, and on
+ * such rows a box goes by TAPS (TM_WALK_NARROW_ROWS). */
+#ifndef TM_WALKS_H
+#define TM_WALKS_H
+
+#define TM_WALKS(X) X(DIRECT) X(TAPS) X(BOX) X(PLANES) X(RUNS)
+
+enum tm_walk {
+#define TM_WALK_ENUM(name) TM_WALK_##name,
+    TM_WALKS(TM_WALK_ENUM)
+#undef TM_WALK_ENUM
+    TM_WALK_COUNT
+};
+
+/* The walks that also take rows of at least one chunk but less than a block. */
+#define TM_WALK_NARROW_ROWS(w) ((w) == TM_WALK_TAPS || (w) == TM_WALK_RUNS)
+
+#ifdef __cplusplus
+inline bool takes_narrow_rows(tm_walk w) { return TM_WALK_NARROW_ROWS(w); }
+#endif
+
+#endif

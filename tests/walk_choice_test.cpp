@@ -1,0 +1,146 @@
+// Which walk the frame picks for a call: one row per representative call,
+// with the walk it must get.  The rows sit on both sides of every threshold
+// of the choice (row widths around one chunk and one block, the mask's reach
+// across rows against what a band task keeps, run lengths against the
+// levels of doubled folds, the number of runs against the list, a band
+// task's memory), for integer and floating types, in 2-D and 3-D.  What
+// each walk computes is the random suites' business; this table pins the
+// choice, so that a change of a threshold shows here first.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "frame.h"
+#include "tm_lanes.h"
+#include "walks.h"
+
+namespace {
+
+const char *walk_name(int w) {
+    static const char *names[] = {
+#define TM_WALK_NAME(name) #name,
+        TM_WALKS(TM_WALK_NAME)
+#undef TM_WALK_NAME
+    };
+    return w >= 0 && w < TM_WALK_COUNT ? names[w] : "?";
+}
+
+struct Mask {
+    int32_t e[3];
+    std::function<uint8_t(int, int, int)> byte;
+};
+
+uint8_t one(int, int, int) { return 1; }
+Mask box(int e0, int e1, int e2 = 1) { return {{e0, e1, e2}, one}; }
+Mask disk(int e) {
+    const int r = e / 2;
+    return {{e, e, 1}, [r](int i, int j, int) -> uint8_t { return (i - r) * (i - r) + (j - r) * (j - r) <= r * r; }};
+}
+// A row of `e` taps with a gap at `gap`: runs of gap and e - gap - 1.
+Mask row_with_gap(int e, int gap) {
+    return {{e, 1, 1}, [gap](int i, int, int) -> uint8_t { return i != gap; }};
+}
+
+enum class T { UInt8, Float32, UInt16 };
+
+struct Row {
+    const char *what;
+    T type;
+    bool two_stage;
+    bool wide;            // the image is wider than one chunk
+    int32_t out_width;    // in chunks (L) plus samples: chunks * L + extra
+    int32_t chunks, extra;
+    int32_t stage_width;  // two-stage: the intermediate's width, in chunks
+    Mask mask;
+    int expected;
+};
+
+const int32_t kBlock = TM_BLOCK_CHUNKS;
+
+const Row kRows[] = {
+    {"3 x 3 box on long rows", T::UInt8, false, true, 0, 128, 0, 0, box(3, 3), TM_WALK_BOX},
+    {"63 x 63 square", T::UInt8, false, true, 0, 128, 0, 0, box(63, 63), TM_WALK_BOX},
+    {"15 x 15 x 2 box: planes first", T::UInt8, false, true, 0, 128, 0, 0, box(15, 15, 2), TM_WALK_PLANES},
+    {"narrow image: no chunk to walk", T::UInt8, false, false, 0, 0, 31, 0, box(3, 3), TM_WALK_DIRECT},
+    {"output narrower than one chunk", T::UInt8, false, true, 0, 0, 31, 0, box(3, 3), TM_WALK_DIRECT},
+    {"output of exactly one chunk: blocks of one chunk, a box by taps", T::UInt8, false, true, 0, 1, 0, 0, box(3, 3),
+     TM_WALK_TAPS},
+    {"15 x 15 box on rows of two chunks: by its runs", T::UInt8, false, true, 0, 2, 0, 0, box(15, 15), TM_WALK_RUNS},
+    {"output one sample short of a block", T::UInt8, false, true, 0, kBlock, -1, 0, box(3, 3), TM_WALK_TAPS},
+    {"output of exactly one block", T::UInt8, false, true, 0, kBlock, 0, 0, box(3, 3), TM_WALK_BOX},
+    {"two-stage, intermediate narrower than one chunk", T::UInt8, true, true, 0, 4, 0, 0, box(3, 3),
+     TM_WALK_DIRECT},
+    {"two-stage, intermediate of one chunk", T::UInt8, true, true, 0, 4, 0, 1, box(3, 3), TM_WALK_TAPS},
+    {"two-stage, both a block wide", T::UInt8, true, true, 0, kBlock, 0, kBlock, box(3, 3), TM_WALK_BOX},
+    {"cube on narrow rows, more runs than the list holds", T::UInt8, false, true, 0, 2, 0, 0, box(3, 40, 30),
+     TM_WALK_DIRECT},
+    {"3 x 3 x 3 cube, integers: planes first", T::UInt8, false, true, 0, 16, 0, 0, box(3, 3, 3), TM_WALK_PLANES},
+    {"3 x 3 x 3 cube, floating: the walk's own grouping", T::Float32, false, true, 0, 16, 0, 0, box(3, 3, 3),
+     TM_WALK_BOX},
+    {"floating 3 x 3 box: 9 taps go by taps", T::Float32, false, true, 0, 16, 0, 0, box(3, 3), TM_WALK_TAPS},
+    {"floating 5 x 5 box folds", T::Float32, false, true, 0, 16, 0, 0, box(5, 5), TM_WALK_BOX},
+    {"disk of 5: too short runs for folds", T::UInt8, false, true, 0, 16, 0, 0, disk(5), TM_WALK_TAPS},
+    {"disk of 15, integers: doubled folds", T::UInt16, false, true, 0, 16, 0, 0, disk(15), TM_WALK_RUNS},
+    {"disk of 15, floating: taps", T::Float32, false, true, 0, 16, 0, 0, disk(15), TM_WALK_TAPS},
+    {"disk of 15 on rows of two chunks", T::UInt8, false, true, 0, 2, 0, 0, disk(15), TM_WALK_RUNS},
+    {"disk of 63: runs of up to 63 taps", T::UInt8, false, true, 0, 128, 0, 0, disk(63), TM_WALK_RUNS},
+    {"runs of 63 and 6: the longest level holds", T::UInt8, false, true, 0, 16, 0, 0, row_with_gap(70, 63),
+     TM_WALK_RUNS},
+    {"runs of 64 and 5: longer than the levels hold", T::UInt8, false, true, 0, 16, 0, 0, row_with_gap(70, 64),
+     TM_WALK_TAPS},
+    {"column of 65: the deepest reach a band task keeps", T::UInt8, false, true, 0, 16, 0, 0, box(1, 65),
+     TM_WALK_BOX},
+    {"column of 65, floating", T::Float32, false, true, 0, 16, 0, 0, box(1, 65), TM_WALK_BOX},
+    {"column of 66: reaches further", T::UInt8, false, true, 0, 16, 0, 0, box(1, 66), TM_WALK_DIRECT},
+    {"a 2 in the box: no box, its runs", T::UInt8, false, true, 0, 16, 0, 0,
+     {{5, 5, 1}, [](int i, int j, int) -> uint8_t { return i == 4 && j == 0 ? 2 : 1; }}, TM_WALK_RUNS},
+    {"no tap at all", T::UInt8, false, true, 0, 16, 0, 0, {{4, 4, 1}, [](int, int, int) -> uint8_t { return 0; }},
+     TM_WALK_DIRECT},
+    {"extent 0", T::UInt8, false, true, 0, 16, 0, 0, box(3, 0), TM_WALK_DIRECT},
+    {"checkerboard of more runs than the list holds", T::UInt8, false, true, 0, 16, 0, 0,
+     {{64, 34, 1}, [](int i, int j, int) -> uint8_t { return (i + j) % 2; }}, TM_WALK_DIRECT},
+    {"a box of more runs than the list holds still folds", T::UInt8, false, true, 0, 16, 0, 0, box(1, 40, 30),
+     TM_WALK_PLANES},
+    {"rows whose band task would keep more than 64 MiB", T::UInt8, false, true, 0, 4096, 0, 0, box(3, 3, 9),
+     TM_WALK_DIRECT},
+    {"folds of levels beyond 64 MiB keep the taps", T::UInt8, false, true, 0, 1024, 0, 0,
+     {{15, 15, 3}, [](int i, int j, int) -> uint8_t { return (i - 7) * (i - 7) + (j - 7) * (j - 7) <= 49; }},
+     TM_WALK_TAPS},
+};
+
+class WalkChoice : public testing::TestWithParam<Row> {};
+
+TEST_P(WalkChoice, PicksItsWalk) {
+    const Row &r = GetParam();
+    const uint8_t code = r.type == T::Float32 ? 2 : 1, bits = r.type == T::UInt8 ? 8 : r.type == T::UInt16 ? 16 : 32;
+    const int32_t bytes = bits / 8;
+    const int32_t lanes = r.type == T::UInt8 ? TM_LANES_uint8_avx2 : r.type == T::UInt16 ? TM_LANES_uint16_avx2
+                                                                                          : TM_LANES_float32_avx2;
+    const tm_entry e = {r.two_stage ? TM_IMOPEN : TM_IMERODE, "erode", code, bits, bytes, lanes, nullptr,
+                        r.two_stage ? "imerode" : nullptr};
+    std::vector<uint8_t> mask(size_t(r.mask.e[0]) * r.mask.e[1] * r.mask.e[2]);
+    for (int k = 0; k < r.mask.e[2]; k++)
+        for (int j = 0; j < r.mask.e[1]; j++)
+            for (int i = 0; i < r.mask.e[0]; i++) mask[(size_t(k) * r.mask.e[1] + j) * r.mask.e[0] + i] = r.mask.byte(i, j, k);
+    tm_view v[4];
+    std::memset(v, 0, sizeof v);
+    v[2].host = mask.data();
+    for (int d = 0; d < 3; d++) v[2].extent[d] = r.mask.e[d];
+    v[2].stride[0] = 1, v[2].stride[1] = r.mask.e[0], v[2].stride[2] = r.mask.e[0] * r.mask.e[1];
+    v[3].extent[0] = r.chunks * lanes + r.extra;
+    v[3].extent[1] = v[3].extent[2] = 1;
+    tm_walk_plan p;
+    tm_plan_walk(&e, v, r.wide, r.stage_width * lanes, &p);
+    EXPECT_STREQ(walk_name(p.walk), walk_name(r.expected));
+}
+
+INSTANTIATE_TEST_SUITE_P(Calls, WalkChoice, testing::ValuesIn(kRows), [](const testing::TestParamInfo<Row> &i) {
+    std::string n;
+    for (const char *c = i.param.what; *c; c++) n += std::isalnum(static_cast<unsigned char>(*c)) ? *c : '_';
+    return n;
+});
+
+}  // namespace
