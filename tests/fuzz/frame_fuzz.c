@@ -41,6 +41,7 @@
 #include "HalideRuntime.h"
 #include "frame.h"
 #include "tessmorphop3_halide.h"
+#include "tessmorphop3_halide_easy.h"
 #include "tm_lanes.h"
 
 /* ---- The exports, from the list ------------------------------------------ */
@@ -89,21 +90,6 @@ static const struct {
     tm_operator op;
 } frame_ops[] = {{"imerode", TM_IMERODE},   {"imdilate", TM_IMDILATE}, {"imopen", TM_IMOPEN},
                  {"imclose", TM_IMCLOSE},   {"imtophat", TM_IMTOPHAT}, {"imbothat", TM_IMBOTHAT}};
-
-/* Whether the processor has every instruction-set feature of a level. */
-static int cpu_has(const char *features) {
-    char buf[256];
-    snprintf(buf, sizeof buf, "%s", features);
-    for (char *f = strtok(buf, "-"); f; f = strtok(NULL, "-")) {
-        int ok = !strcmp(f, "large_buffers") ? 1
-                 : !strcmp(f, "avx")         ? __builtin_cpu_supports("avx")
-                 : !strcmp(f, "avx2")        ? __builtin_cpu_supports("avx2")
-                 : !strcmp(f, "sse41")       ? __builtin_cpu_supports("sse4.1")
-                                             : 0;
-        if (!ok) return 0;
-    }
-    return 1;
-}
 
 /* ---- Reading the input ---------------------------------------------------- */
 
@@ -700,8 +686,9 @@ int LLVMFuzzerInitialize(int *argc, char ***argv) {
                 x->stage = strcmp(operators[o].stage, "none") ? operators[o].stage : NULL;
         for (size_t o = 0; o < sizeof frame_ops / sizeof frame_ops[0]; o++)
             if (!strcmp(frame_ops[o].name, x->op_word)) x->op = frame_ops[o].op;
+        /* The library's table of levels, as hosts read it. */
         for (size_t l = 0; l < sizeof levels / sizeof levels[0]; l++)
-            if (!strcmp(levels[l].word, x->level_word)) x->runnable = cpu_has(levels[l].features);
+            if (!strcmp(levels[l].word, x->level_word)) x->runnable = tme_cpu_has((tme_level)l);
     }
     uint8_t *untouchable = reserve(FORBIDDEN_SPAN);
     dim_pages = reserve(2 * NARGS * page);
