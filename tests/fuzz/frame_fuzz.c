@@ -115,8 +115,9 @@ static int32_t wrap(int64_t v) { return (int32_t)(uint32_t)(uint64_t)v; }
 static int32_t coord(reader *r) {
     uint8_t m = u8(r);
     switch (m & 7) {
-    case 3: return INT32_MAX - u8(r);
-    case 4: return INT32_MIN + u8(r);
+    /* within 8 of an end, the end itself once in 8 */
+    case 3: return INT32_MAX - (u8(r) & 7);
+    case 4: return INT32_MIN + (u8(r) & 7);
     case 5: return (int32_t)u32(r);
     case 6: {
         int64_t p = (int64_t)1 << (u8(r) & 31);
@@ -125,6 +126,12 @@ static int32_t coord(reader *r) {
     case 7: return u8(r);
     default: return (int8_t)u8(r);
     }
+}
+
+/* A coordinate within 128 of either end of the 32-bit range. */
+static int32_t near_end(reader *r) {
+    uint8_t m = u8(r);
+    return m & 1 ? INT32_MAX - (m >> 1) : INT32_MIN + (m >> 1);
 }
 
 /* An extent: mostly a few samples, sometimes near 2^31, or anything. */
@@ -250,7 +257,7 @@ static int decode(const uint8_t *data, size_t size, call_plan *c) {
     decode_buffer_head(&r, se, 3, U8, 1);
     for (int d = 0; d < 3; d++) {
         uint8_t m = u8(&r);
-        se->min[d] = m < 224 ? 0 : (int8_t)u8(&r);
+        se->min[d] = m < 224 ? 0 : m < 240 ? (int8_t)u8(&r) : near_end(&r);
         m = u8(&r);
         se->extent[d] = m < 192 ? m % 6 : m < 240 ? 6 + (m - 192) : extent(&r);
     }
@@ -260,9 +267,27 @@ static int decode(const uint8_t *data, size_t size, call_plan *c) {
     if (u8(&r) & 1) {
         decode_box(&r, out);
     } else {
+        /* The image's shape, give or take a few samples, with each
+         * dimension placed on its own by the low two bits of its first
+         * byte: next to the image (the shapes that pass the checks), or
+         * where its coordinates wrap.  Drawn apart, as in a box of its own,
+         * a min at an end of the range and extents that fit the image
+         * (rows of a whole block, a window as many planes as rows) almost
+         * never come together, and one changed bit here makes them. */
         for (int d = 0; d < 3; d++) {
-            out->min[d] = wrap((int64_t)im->min[d] + (int8_t)u8(&r));
-            out->extent[d] = wrap((int64_t)im->extent[d] + (int8_t)u8(&r));
+            const uint8_t place = u8(&r);
+            const int8_t de = (int8_t)u8(&r);
+            const int64_t step = (int8_t)place >> 2, near = step >> 2; /* -32..31; -8..7 */
+            out->extent[d] = wrap((int64_t)im->extent[d] + de);
+            switch (place & 3) {
+            case 0: out->min[d] = wrap((int64_t)im->min[d] + step); break;
+            /* from -2^31, or just below or above it */
+            case 1: out->min[d] = wrap((int64_t)INT32_MIN + near); break;
+            /* ending on 2^31 - 1, or just below or above it */
+            case 2: out->min[d] = wrap((int64_t)INT32_MAX - out->extent[d] + 1 + near); break;
+            /* half the range away from the image */
+            default: out->min[d] = wrap((int64_t)im->min[d] + ((int64_t)1 << 31) + near); break;
+            }
         }
     }
     decode_strides(&r, out);
