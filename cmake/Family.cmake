@@ -9,17 +9,20 @@
 #   TM_TYPE_<t>         "code;bits;bytes;ctype"
 #   TM_LEVELS           level words
 #   TM_FEATURES_<l>     Halide target features of the level ("-" separated)
+#   TM_CPU_FEATURES     processor feature names, in list order
+#   TM_CPU_<f>          "level;leaf;subleaf;register;bit;xcr0;checked"
 #   TM_EXPORTS          every export name, operator-major
 
 set(TM_FAMILY_FILE "${CMAKE_CURRENT_LIST_DIR}/../frame/family.def")
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${TM_FAMILY_FILE}")
-file(STRINGS "${TM_FAMILY_FILE}" _tm_lines REGEX "^TM_(OPERATOR|TYPE|LEVEL)\\(")
+file(STRINGS "${TM_FAMILY_FILE}" _tm_lines REGEX "^TM_(OPERATOR|TYPE|LEVEL|CPU_FEATURE)\\(")
 
 set(TM_OPERATORS "")
 set(TM_TYPES "")
 set(TM_LEVELS "")
+set(TM_CPU_FEATURES "")
 foreach (line IN LISTS _tm_lines)
-    string(REGEX MATCH "^TM_([A-Z]+)\\((.*)\\)[ \t]*$" _m "${line}")
+    string(REGEX MATCH "^TM_([A-Z_]+)\\((.*)\\)[ \t]*$" _m "${line}")
     set(kind "${CMAKE_MATCH_1}")
     string(REPLACE "," ";" args "${CMAKE_MATCH_2}")
     list(TRANSFORM args STRIP)
@@ -34,6 +37,9 @@ foreach (line IN LISTS _tm_lines)
     elseif (kind STREQUAL "LEVEL")
         list(APPEND TM_LEVELS ${word})
         list(GET args 1 TM_FEATURES_${word})
+    elseif (kind STREQUAL "CPU_FEATURE")
+        list(APPEND TM_CPU_FEATURES ${word})
+        list(SUBLIST args 1 7 TM_CPU_${word})
     endif ()
 endforeach ()
 

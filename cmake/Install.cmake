@@ -1,9 +1,13 @@
 # What `cmake --install <build> --prefix P` ships, with GNUInstallDirs:
 #   lib/libtessmorphop3_halide.so.1 (and its .so link), SONAME from the major version;
-#   include/tessmorphop3_halide.h, include/tessmorphop3_halide_easy.h and
+#   lib/libtessmorphop3_halide_safe.so.1 beside it, the same way;
+#   include/tessmorphop3_halide.h, include/tessmorphop3_halide_easy.h,
+#   include/tessmorphop3_halide_safe.h and
 #   include/tessmorphop3_halide/HalideRuntime.h, so that -IP/include is enough;
-#   lib/cmake/tessmorphop3_halide/ for find_package (target tessmorphop3_halide::tessmorphop3_halide);
-#   lib/pkgconfig/tessmorphop3_halide.pc.
+#   lib/cmake/tessmorphop3_halide/ for find_package (target
+#   tessmorphop3_halide::tessmorphop3_halide, and with COMPONENTS safe
+#   tessmorphop3_halide::safe);
+#   lib/pkgconfig/tessmorphop3_halide.pc and tessmorphop3_halide_safe.pc.
 # The tests, the static archive, the generator and the other build tools
 # stay in the build tree.  `cpack -G DEB` packs the same files.
 include(GNUInstallDirs)
@@ -16,10 +20,11 @@ set_target_properties(tessmorphop3_halide PROPERTIES
 set(TM_PACKAGE_DIR "${CMAKE_CURRENT_BINARY_DIR}/package")
 set(TM_INSTALL_CMAKEDIR "${CMAKE_INSTALL_LIBDIR}/cmake/tessmorphop3_halide")
 
-install(TARGETS tessmorphop3_halide EXPORT tessmorphop3_halide_targets
+install(TARGETS tessmorphop3_halide tessmorphop3_halide_safe EXPORT tessmorphop3_halide_targets
         LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
         INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
 install(FILES "${TM_GEN_DIR}/include/tessmorphop3_halide.h" "${TM_ROOT}/include/tessmorphop3_halide_easy.h"
+              "${TM_ROOT}/include/tessmorphop3_halide_safe.h"
         DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
 install(FILES "${TM_GEN_DIR}/include/tessmorphop3_halide/HalideRuntime.h"
         DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/tessmorphop3_halide")
@@ -49,10 +54,12 @@ foreach (kind LIBDIR INCLUDEDIR)
         set(TM_PC_${kind} "\${prefix}/${CMAKE_INSTALL_${kind}}")
     endif ()
 endforeach ()
-configure_file("${TM_ROOT}/cmake/tessmorphop3_halide.pc.in" "${TM_PACKAGE_DIR}/tessmorphop3_halide.pc.in" @ONLY)
-install(CODE "set(TM_PC_PREFIX \"\${CMAKE_INSTALL_PREFIX}\")
-configure_file(\"${TM_PACKAGE_DIR}/tessmorphop3_halide.pc.in\" \"${TM_PACKAGE_DIR}/tessmorphop3_halide.pc\" @ONLY)")
-install(FILES "${TM_PACKAGE_DIR}/tessmorphop3_halide.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+foreach (pc tessmorphop3_halide tessmorphop3_halide_safe)
+    configure_file("${TM_ROOT}/cmake/${pc}.pc.in" "${TM_PACKAGE_DIR}/${pc}.pc.in" @ONLY)
+    install(CODE "set(TM_PC_PREFIX \"\${CMAKE_INSTALL_PREFIX}\")
+configure_file(\"${TM_PACKAGE_DIR}/${pc}.pc.in\" \"${TM_PACKAGE_DIR}/${pc}.pc\" @ONLY)")
+    install(FILES "${TM_PACKAGE_DIR}/${pc}.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+endforeach ()
 
 # A Debian package of the same files: cpack -G DEB in the build directory.
 set(CPACK_PACKAGE_NAME libtessmorphop3-halide)

@@ -212,17 +212,29 @@ static int make_plan(const tm_entry *e, const tm_view *v, plan *p) {
                 if (pieces(0, B - 1, o, reads, &inside) > 1)
                     return refuse(&p->why, stage, d, reads, 0, B - 1);
                 span box = {1, 0};
-                if (X <= (uint32_t)INT32_MAX && !(d == 0 && p->wide && X + L - 1 > INT32_MAX)) {
+                const bool fits = X <= (uint32_t)INT32_MAX && !(d == 0 && p->wide && X + L - 1 > INT32_MAX);
+                if (is_empty(inside)) {
+                    /* Nothing of the intermediate is ever read here: every
+                     * read leaves the window and takes the lower pad.  So
+                     * the box is placed at the output's first sample rather
+                     * than where its formula puts it: its samples are never
+                     * read, and where they are computed changes no result.
+                     * At the formula's place the box (and the empty window
+                     * at its start) can lie 2^31 from the output, as for
+                     * planes from -2^31 against a window from 0, and the
+                     * pipeline's own 32-bit arithmetic between the two (the
+                     * window's last plane less an output plane, in the band
+                     * walk's copy) then overflows, and it reads far outside
+                     * the intermediate.  A box too large to describe
+                     * becomes any small one (its size is checked against
+                     * the block below). */
+                    const int64_t w = fits ? (int64_t)X : d == 0 && p->wide ? L : 1;
+                    box = (span){0, w - 1};
+                } else if (fits) {
                     for (int64_t j = -1; j <= 1 && is_empty(box); j++) {
                         span b = {at + j * TM_WRAP, at + j * TM_WRAP + X - 1};
-                        if (is_empty(inside) ? j == 0 : (b.lo <= inside.lo && inside.hi <= b.hi)) box = b;
+                        if (b.lo <= inside.lo && inside.hi <= b.hi) box = b;
                     }
-                } else if (is_empty(inside)) {
-                    /* Nothing of the intermediate is ever read: any small
-                     * box serves (its size is checked against the block
-                     * below). */
-                    int64_t w = d == 0 && p->wide ? L : 1;
-                    box = (span){at, at + w - 1};
                 }
                 if (is_empty(box) && !is_empty(inside)) {
                     const int64_t first = (int64_t)p->box_min[d], last = first + (int64_t)X - 1;

@@ -208,38 +208,52 @@ static inline halide_buffer_t *tme_pads_neutral(tme_pads *p, tme_type type) {
 }
 
 /*
- * What each level needs of the processor.  A level added to the library's
- * list needs its function here; without one, tme_cpu_has does not compile.
+ * Whether this processor can run the exports of `level`: every feature that
+ * the library's table (TESSMORPHOP3_HALIDE_CPU_FEATURES, from the list of
+ * entry points) marks as tested for this level or one below it is reported
+ * by cpuid, and the operating system saves the registers it uses.  The
+ * library itself never asks.
  */
-static inline int tme_cpu_has_none(void) { return 1; }
-#if defined(__GNUC__) && (defined(__x86_64__) || defined(__i386__))
-static inline int tme_cpu_has_avx(void) {
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx") && __builtin_cpu_supports("sse4.1");
+#if (defined(__GNUC__) || defined(__clang__)) && (defined(__x86_64__) || defined(__i386__))
+typedef struct tme_impl_cpuid {
+    uint32_t eax, ebx, ecx, edx;
+} tme_impl_cpuid;
+
+static inline tme_impl_cpuid tme_impl_cpuid_of(uint32_t leaf, uint32_t subleaf) {
+    tme_impl_cpuid r = {0, 0, 0, 0};
+    uint32_t top;
+    /* A leaf above the highest one the processor has reads as all zero. */
+    __asm__("cpuid" : "=a"(top), "=b"(r.ebx), "=c"(r.ecx), "=d"(r.edx) : "a"(leaf & 0x80000000u), "c"(0));
+    if (leaf > top) return r;
+    __asm__("cpuid" : "=a"(r.eax), "=b"(r.ebx), "=c"(r.ecx), "=d"(r.edx) : "a"(leaf), "c"(subleaf));
+    return r;
 }
-static inline int tme_cpu_has_avx2(void) {
-    /* The avx2 code is compiled for the processors that brought AVX2, which
-     * also fuse multiply-adds and have the first bit-manipulation set: the
-     * compiler is free to use those, and does use BMI1's andn. */
-    return tme_cpu_has_avx() && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") &&
-           __builtin_cpu_supports("bmi");
+
+/* The register states the operating system saves (XCR0), or 0 where it
+ * does not let programs ask (no OSXSAVE). */
+static inline uint32_t tme_impl_os_states(void) {
+    uint32_t lo, hi;
+    if (!((tme_impl_cpuid_of(1, 0).ecx >> 27) & 1)) return 0;
+    __asm__("xgetbv" : "=a"(lo), "=d"(hi) : "c"(0));
+    (void)hi;
+    return lo;
+}
+
+static inline int tme_cpu_has(tme_level level) {
+    if ((unsigned)level >= TME_LEVEL_COUNT) return 0;
+#define TME_X(name, first, leaf, subleaf, reg, bit, xcr0, tested)                                    \
+    if ((tested) && level >= TME_##first) {                                                      \
+        if (!((tme_impl_cpuid_of((leaf), (subleaf)).reg >> (bit)) & 1)) return 0;                  \
+        if ((xcr0) && (tme_impl_os_states() & (uint32_t)(xcr0)) != (uint32_t)(xcr0)) return 0; \
+    }
+    TESSMORPHOP3_HALIDE_CPU_FEATURES(TME_X)
+#undef TME_X
+    return 1;
 }
 #else
 /* No way to ask the processor: only the baseline is safe. */
-static inline int tme_cpu_has_avx(void) { return 0; }
-static inline int tme_cpu_has_avx2(void) { return 0; }
+static inline int tme_cpu_has(tme_level level) { return level == (tme_level)0; }
 #endif
-
-/* Whether this processor can run the exports of `level`. */
-static inline int tme_cpu_has(tme_level level) {
-    switch (level) {
-#define TME_X(word) \
-    case TME_##word: return tme_cpu_has_##word();
-        TESSMORPHOP3_HALIDE_LEVELS(TME_X)
-#undef TME_X
-    default: return 0;
-    }
-}
 
 /* The highest level this processor has; the list runs from low to high. */
 static inline tme_level tme_best_level(void) {

@@ -155,6 +155,51 @@ TEST_P(Wrap, ComputesTheWrappingResultOrRefusesBeforeWriting) {
 INSTANTIATE_TEST_SUITE_P(Edges, Wrap, ::testing::ValuesIn(kWrapCases),
                          [](const auto &info) { return std::string(info.param.what); });
 
+// Planes from -2^31 in the openings, with rows of a whole block (the band
+// walks run): the output's planes lie outside the window, nothing of the
+// intermediate is read, and every sample is the lower pad.  The residue
+// reads the image at the output's planes, which lie outside it: refused.
+// Once read far outside the buffers in every imopen export.
+class OpeningPlanesFromMin : public ::testing::TestWithParam<Entry> {};
+
+TEST_P(OpeningPlanesFromMin, ComputesTheDefinitionOrRefusesBeforeWriting) {
+    const Entry &e = GetParam();
+    if (!e.cpu_has_level()) GTEST_SKIP();
+    const TypeInfo &ti = type_info(e.type);
+    const int32_t im_min[3] = {0, 0, 0}, im_ext[3] = {128, 128, 128}, im_stride[3] = {1, 128, 128 * 128};
+    const int32_t out_min[3] = {0, 0, kMin}, out_ext[3] = {128, 128, 2}, out_stride[3] = {1, 128, 128 * 128};
+    const int32_t one[3] = {1, 1, 1}, zero[3] = {0, 0, 0};
+    const int32_t mm_min[2] = {0, 0}, mm_ext[2] = {2, 1}, mm_stride[2] = {1, 2};
+    Sparse im(ti.ht, ti.bytes, 3, im_min, im_ext, im_stride), out(ti.ht, ti.bytes, 3, out_min, out_ext, out_stride);
+    Sparse mm(halide_type_t(halide_type_float, 64), 8, 2, mm_min, mm_ext, mm_stride);
+    Sparse se(halide_type_t(halide_type_uint, 8), 1, 3, zero, one, one);
+    *static_cast<uint8_t *>(se.base) = 1;
+    const double pads[2] = {1, 0};
+    std::memcpy(mm.base, pads, sizeof pads);
+    std::mt19937 rng(5);
+    for (size_t i = 0; i < std::min<size_t>(im.bytes, 1 << 16); i++) static_cast<uint8_t *>(im.base)[i] = uint8_t(rng());
+
+    static const bool handler = install_recording_handler();
+    (void)handler;
+    halide_messages().clear();
+    const int status = e.fn(&im.b, &mm.b, &se.b, &out.b);
+    if (e.op == "imtophat") {
+        EXPECT_EQ(status, -4);
+        EXPECT_EQ(halide_messages(),
+                  "Input buffer keyimForType is accessed at -2147483648, which is before the min (0) in dimension 2");
+        EXPECT_EQ(out.resident_pages(), 0u) << "a refused call wrote to its output";
+        return;
+    }
+    ASSERT_EQ(status, 0) << halide_messages();
+    Sparse want(ti.ht, ti.bytes, 3, out_min, out_ext, out_stride);
+    const tmref::Mask mask{static_cast<const uint8_t *>(se.base), {1, 1, 1}, {1, 1, 1}};
+    tmref::apply(ref_op(e.op), ti.ref, im.view(), pads[0], pads[1], mask, want.view());
+    EXPECT_EQ(std::memcmp(out.base, want.base, out.bytes), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Entries, OpeningPlanesFromMin, ::testing::ValuesIn(entries_of({"imopen", "imtophat"})),
+                         EntryName());
+
 // The intermediate's size report with extents that wrap, for the four
 // two-stage operators in both branches (uint8 at the baseline level, L = 16:
 // an image 16 wide is narrow, 17 wide is wide).  The box in each case, from

@@ -1,13 +1,14 @@
 // tessmorph._core: the library's entry points, reachable from Python on
 // numpy arrays.
 //
-// The library's objects are linked in statically, with their own copy of the
-// Halide runtime, so that this module can install a returning error handler
-// in that copy: a refused call then comes back with its status and the
-// library's one-line message, which are raised as a Python exception, instead
-// of ending the interpreter as the shared library's aborting handler does.
-// Every symbol but the module's init function is hidden, so the copy can't
-// clash with the shared library loaded into the same process.
+// The module links the safe library's objects statically
+// (libtessmorphop3_halide_safe's archive: the frame, the pipelines and their
+// own copy of the Halide runtime behind a returning error handler), and
+// calls through its C API, which checks, dispatches and reports every call
+// for the C and C++ hosts too: a refused call comes back with its status and
+// the library's one-line message, raised here as a Python exception.  Every
+// symbol but the module's init function is hidden, so the copy can't clash
+// with the shared libraries loaded into the same process.
 //
 // Arrays come in numpy's axis order (the last axis is the library's
 // dimension 0) and always with three axes; the Python layer adds the leading
@@ -15,8 +16,6 @@
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
-
-#include <tbb/global_control.h>
 
 #include <cstdint>
 #include <cstring>
@@ -26,23 +25,20 @@
 #include <tuple>
 #include <vector>
 
-#include "HalideRuntime.h"
-#include "tessmorphop3_halide.h"
+#include "tessmorphop3_halide_safe.h"
 
 namespace py = pybind11;
 
 namespace {
 
-using Export = int (*)(halide_buffer_t *, halide_buffer_t *, halide_buffer_t *, halide_buffer_t *);
-
-// The dispatch table and the type and level words all come from the one
-// list of entry points.
+// The type and level words, with the Halide features of each level, come
+// from the one list of entry points; what a level asks of the processor is
+// the safe library's answer, from the same list.
 struct Entry {
     const char *op, *type, *level;
-    Export fn;
 };
 const Entry kEntries[] = {
-#define TM_ENTRY(op, t, l, out) {#op, #t, #l, op##_##t##_##l},
+#define TM_ENTRY(op, t, l, out) {#op, #t, #l},
 #include "entries.inc"
 #undef TM_ENTRY
 };
@@ -64,59 +60,32 @@ const LevelWord kLevels[] = {
 #include "family.def"
 };
 
-const std::map<std::string, Export> &exports() {
-    static const std::map<std::string, Export> m = [] {
-        std::map<std::string, Export> r;
-        for (const Entry &e : kEntries) r[std::string(e.op) + "_" + e.type + "_" + e.level] = e.fn;
-        return r;
-    }();
-    return m;
+const char *const kOperators[] = {
+#define TMS_X(name, output) #name,
+    TESSMORPHOP3_HALIDE_OPERATORS(TMS_X)
+#undef TMS_X
+};
+
+template <size_t N, typename Word>
+int index_of(const Word (&words)[N], const std::string &w, const char *Word::*field) {
+    for (size_t i = 0; i < N; i++)
+        if (w == words[i].*field) return int(i);
+    return -1;
 }
 
-Export find_export(const std::string &op, const std::string &type, const std::string &level) {
-    auto it = exports().find(op + "_" + type + "_" + level);
-    if (it == exports().end())
-        throw py::value_error("no entry point " + op + "_" + type + "_" + level);
-    return it->second;
-}
+struct Target {
+    tms_operator op;
+    tms_type type;
+    tms_level level;
+};
 
-// One Halide target feature of a level, as this processor's flags.  The
-// levels' code is compiled for whole processor models (AVX2 for the
-// generation that brought FMA and BMI2 with it), so those come along.  An
-// unknown feature counts as missing: better the baseline than an illegal
-// instruction.
-bool cpu_has_feature(const std::string &f) {
-    __builtin_cpu_init();
-    if (f == "large_buffers" || f == "no_runtime") return true;
-    if (f == "sse41") return __builtin_cpu_supports("sse4.1");
-    if (f == "avx") return __builtin_cpu_supports("avx") && __builtin_cpu_supports("sse4.2");
-    if (f == "avx2")
-        return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") &&
-               __builtin_cpu_supports("bmi") && __builtin_cpu_supports("bmi2");
-    if (f == "fma") return __builtin_cpu_supports("fma");
-    if (f == "f16c") return __builtin_cpu_supports("f16c");
-    return false;
-}
-
-bool cpu_has_level(const char *features) {
-    std::string s(features);
-    size_t start = 0;
-    while (start <= s.size()) {
-        size_t end = s.find('-', start);
-        if (end == std::string::npos) end = s.size();
-        if (end > start && !cpu_has_feature(s.substr(start, end - start))) return false;
-        start = end + 1;
-    }
-    return true;
-}
-
-// The message of the last refused call on this thread.  The frame reports on
-// the calling thread, before any task starts.
-thread_local std::string t_message;
-
-extern "C" void capture_error(void *, const char *msg) {
-    t_message = msg ? msg : "";
-    while (!t_message.empty() && (t_message.back() == '\n' || t_message.back() == ' ')) t_message.pop_back();
+Target find_export(const std::string &op, const std::string &type, const std::string &level) {
+    int o = -1;
+    for (int i = 0; i < TMS_OPERATOR_COUNT; i++)
+        if (op == kOperators[i]) o = i;
+    const int t = index_of(kTypes, type, &TypeWord::word), l = index_of(kLevels, level, &LevelWord::word);
+    if (o < 0 || t < 0 || l < 0) throw py::value_error("no entry point " + op + "_" + type + "_" + level);
+    return {tms_operator(o), tms_type(t), tms_level(l)};
 }
 
 [[noreturn]] void raise_status(int status, const std::string &message) {
@@ -192,7 +161,7 @@ std::vector<int32_t> mins_of(const std::vector<py::ssize_t> &v, const char *what
 void call(const std::string &op, const std::string &type, const std::string &level, const py::array &image,
           const std::vector<py::ssize_t> &image_min, double lower, double upper, const py::array &strel,
           const py::array &out, const std::vector<py::ssize_t> &out_min) {
-    Export fn = find_export(op, type, level);
+    const Target target = find_export(op, type, level);
     Described im(image, mins_of(image_min, "image origin"), false, "image");
     Described se(strel, {0, 0, 0}, false, "footprint");
     Described o(out, mins_of(out_min, "output origin"), true, "output");
@@ -206,15 +175,12 @@ void call(const std::string &op, const std::string &type, const std::string &lev
     mm.dimensions = 2;
     mm.dim = mm_dim;
 
-    int status;
-    std::string message;
+    tms_report report;
     {
         py::gil_scoped_release release;
-        t_message.clear();
-        status = fn(&im.buf, &mm, &se.buf, &o.buf);
-        message = t_message;
+        tms_call(target.op, target.type, target.level, &im.buf, &mm, &se.buf, &o.buf, &report);
     }
-    if (status != 0) raise_status(status, message);
+    if (report.status != 0) raise_status(report.status, report.message);
 }
 
 using Box = std::tuple<std::vector<int32_t>, std::vector<int32_t>>;
@@ -226,7 +192,7 @@ std::tuple<Box, Box> query(const std::string &op, const std::string &type, const
                            const std::vector<py::ssize_t> &image_min, const std::vector<py::ssize_t> &image_shape,
                            const std::vector<py::ssize_t> &strel_shape, const std::vector<py::ssize_t> &out_min,
                            const std::vector<py::ssize_t> &out_shape) {
-    Export fn = find_export(op, type, level);
+    const Target target = find_export(op, type, level);
     halide_dimension_t dims[4][3]{};
     halide_buffer_t bufs[4]{};
     const std::vector<py::ssize_t> *mins[4] = {&image_min, nullptr, nullptr, &out_min};
@@ -242,8 +208,9 @@ std::tuple<Box, Box> query(const std::string &op, const std::string &type, const
             dims[b][d].extent = to_i32((*shapes[b])[axis], "extent");
         }
     }
-    int status = fn(&bufs[0], &bufs[1], &bufs[2], &bufs[3]);
-    if (status != 0) raise_status(status, t_message);
+    tms_report report;
+    tms_bounds(target.op, target.type, target.level, &bufs[0], &bufs[1], &bufs[2], &bufs[3], &report);
+    if (report.status != 0) raise_status(report.status, report.message);
     auto box = [&](int b) {
         std::vector<int32_t> m, e;
         for (int axis = 0; axis < 3; axis++) {
@@ -255,29 +222,16 @@ std::tuple<Box, Box> query(const std::string &op, const std::string &type, const
     return {box(0), box(3)};
 }
 
-// The thread limit: one control of this module's at a time, replaced as a
-// whole, so that raising the limit again works (TBB takes the smallest of
-// all live controls).  Never destroyed at exit, when TBB may be gone.  The
-// calls come with the GIL held, one at a time.
-tbb::global_control *g_thread_limit = nullptr;
-int g_thread_count = 0;
-
+// The thread limit is the safe library's (TBB's, process-wide).
 void set_num_threads(int n) {
     if (n < 0) throw py::value_error("the number of threads must be positive, or 0 for no limit");
-    tbb::global_control *previous = g_thread_limit;
-    g_thread_limit = nullptr;
-    delete previous;
-    if (n > 0) g_thread_limit = new tbb::global_control(tbb::global_control::max_allowed_parallelism, size_t(n));
-    g_thread_count = n;
+    tms_set_max_threads(n);
 }
-
-int limited_threads() { return g_thread_count; }
 
 }  // namespace
 
 PYBIND11_MODULE(_core, m) {
     m.doc() = "The library's entry points on numpy arrays (internal; use the tessmorph package).";
-    halide_set_error_handler(capture_error);
 
     m.def("entries", [] {
         std::vector<std::tuple<std::string, std::string, std::string>> r;
@@ -291,7 +245,8 @@ PYBIND11_MODULE(_core, m) {
     }, "The element types: (word, Halide type code, bits, bytes of storage).");
     m.def("levels", [] {
         std::vector<std::tuple<std::string, std::string, bool>> r;
-        for (const LevelWord &l : kLevels) r.emplace_back(l.word, l.features, cpu_has_level(l.features));
+        for (const LevelWord &l : kLevels)
+            r.emplace_back(l.word, l.features, tms_cpu_has(tms_level(&l - kLevels)) != 0);
         return r;
     }, "The levels, from the baseline up: (word, Halide features, whether this processor has them).");
     m.def("call", &call, py::arg("op"), py::arg("type"), py::arg("level"), py::arg("image"), py::arg("image_min"),
@@ -301,5 +256,5 @@ PYBIND11_MODULE(_core, m) {
           py::arg("image_shape"), py::arg("strel_shape"), py::arg("out_min"), py::arg("out_shape"),
           "The bounds query: ((image origin, shape), (output origin, shape)).");
     m.def("set_num_threads", &set_num_threads, py::arg("n"));
-    m.def("thread_limit", &limited_threads, "The limit set by set_num_threads, 0 when none.");
+    m.def("thread_limit", &tms_max_threads, "The limit set by set_num_threads, 0 when none.");
 }

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Installs the built library to a scratch prefix and uses it as an outside
 # project would: checks what was installed, then builds and runs the
-# consumer through find_package (as C and as C++) and through pkg-config (as
-# C), with no Halide include directory anywhere on their command lines.
-# Nothing here rebuilds the library.
+# consumer and the safe library's host through find_package (as C and as
+# C++) and through pkg-config (as C), with no Halide include directory
+# anywhere on their command lines.  Nothing here rebuilds the library.
 #
 # run.sh BUILD_DIR SCRATCH_DIR CMAKE GENERATOR CC CXX PKG_CONFIG VERSION EXPORTS_FILE HALIDE_INCLUDE_DIR
 set -euo pipefail
@@ -34,12 +34,28 @@ sort "$exports" > "$work/listed.txt"
 diff -u "$work/listed.txt" "$work/exported.txt" > "$work/exports.diff" ||
     fail "installed library exports differ from the list: $(cat "$work/exports.diff")"
 
-for h in tessmorphop3_halide.h tessmorphop3_halide_easy.h tessmorphop3_halide/HalideRuntime.h; do
+# The safe library exports its C API and nothing else, so that it shares
+# no symbol with the main library in one process.
+safe="$libdir/libtessmorphop3_halide_safe.so.1"
+[ -f "$libdir/libtessmorphop3_halide_safe.so.$version" ] && [ -L "$libdir/libtessmorphop3_halide_safe.so" ] ||
+    fail "no libtessmorphop3_halide_safe.so.$version and its link"
+[ "$(objdump -p "$safe" | awk '$1 == "SONAME" {print $2}')" = libtessmorphop3_halide_safe.so.1 ] || fail "safe SONAME"
+nm -D --defined-only "$safe" | awk '{print $3}' | sort > "$work/safe_exported.txt"
+{
+    sed -n 's/^\(im[a-z]*\)_uint8_none$/tms_\1/p' "$exports"
+    printf 'tms_%s\n' call bounds cpu_has best_level set_max_threads max_threads
+} | sort > "$work/safe_listed.txt"
+diff -u "$work/safe_listed.txt" "$work/safe_exported.txt" > "$work/safe_exports.diff" ||
+    fail "the safe library exports other symbols than its API: $(cat "$work/safe_exports.diff")"
+[ -z "$(comm -12 "$work/exported.txt" "$work/safe_exported.txt")" ] || fail "the two libraries share symbols"
+
+for h in tessmorphop3_halide.h tessmorphop3_halide_easy.h tessmorphop3_halide_safe.h tessmorphop3_halide/HalideRuntime.h; do
     [ -f "$prefix/include/$h" ] || fail "header $h not installed"
 done
 [ -f "$libdir/cmake/tessmorphop3_halide/tessmorphop3_halideConfig.cmake" ] || fail "no CMake package"
 [ -f "$libdir/cmake/tessmorphop3_halide/tessmorphop3_halideConfigVersion.cmake" ] || fail "no CMake version file"
 [ -f "$libdir/pkgconfig/tessmorphop3_halide.pc" ] || fail "no pkg-config file"
+[ -f "$libdir/pkgconfig/tessmorphop3_halide_safe.pc" ] || fail "no pkg-config file of the safe library"
 # The command-line tool is the one program installed; build tools are not.
 strays=$(find "$prefix" \( -name '*.a' -o -name 'tm_*' -o -name '*_test' -o -path "$prefix/bin/*" \) \
          ! -path "$prefix/bin/tessmorph" -print)
@@ -56,6 +72,15 @@ for exe in consumer_c consumer_cxx; do
     grep -qF "$libdir/libtessmorphop3_halide.so.1" <<< "$loads" || fail "$exe does not load the installed library"
     "$fp/$exe" > "$work/$exe.out" || fail "$exe: $(cat "$work/$exe.out")"
     grep -qx "tessmorphop3_halide $version (.*)" "$work/$exe.out" || fail "$exe reports $(head -1 "$work/$exe.out")"
+done
+# The safe library's hosts load both libraries into one process.
+for exe in safe_host_c safe_host_cxx; do
+    loads=$(ldd "$fp/$exe")
+    for l in libtessmorphop3_halide.so.1 libtessmorphop3_halide_safe.so.1; do
+        grep -qF "$libdir/$l" <<< "$loads" || fail "$exe does not load the installed $l"
+    done
+    "$fp/$exe" > "$work/$exe.out" || fail "$exe: $(cat "$work/$exe.out")"
+    grep -qx "tessmorphop3_halide_safe $version: ok" "$work/$exe.out" || fail "$exe reports $(cat "$work/$exe.out")"
 done
 # Another major version must not be taken for this one.
 if "$cmake" -S "$here" -B "$work/find_package_2" -G "$generator" -DCMAKE_PREFIX_PATH="$prefix" \
@@ -76,8 +101,28 @@ mkdir -p "$pc"
     -o "$pc/consumer" $libs "-Wl,-rpath,$libdir"
 grep -qF "$prefix/include/tessmorphop3_halide/HalideRuntime.h" "$pc/consumer.d" ||
     fail "the consumer did not read the installed runtime header"
-"$pc/consumer" > "$work/pkg_config.out" || fail "pkg-config consumer: $(cat "$work/pkg_config.out")"
+"$pc/consumer" > "$work/pkg_config.out" || fail "pkg-config consumer: $([ "$("$pkg_config" --modversion tessmorphop3_halide_safe)" = "$version" ] ||
+    fail "pkg-config reports another version of the safe library"
+# shellcheck disable=SC2046  # the flags are words
+"$cc" -std=c99 -pedantic -Wall -Wextra -Werror -pthread $("$pkg_config" --cflags tessmorphop3_halide_safe) \
+    "$here/safe_host.c" -o "$pc/safe_host" $("$pkg_config" --libs tessmorphop3_halide_safe tessmorphop3_halide) \
+    "-Wl,-rpath,$libdir"
+"$pc/safe_host" > "$work/pkg_config_safe.out" || fail "pkg-config safe host: $(cat "$work/pkg_config_safe.out")"
+grep -qx "tessmorphop3_halide_safe $version: ok" "$work/pkg_config_safe.out" ||
+    fail "pkg-config safe host reports $(cat "$work/pkg_config_safe.out")"
+
+cat "$work/pkg_config.out" "$work/pkg_config_safe.out")"
 grep -qx "tessmorphop3_halide $version (.*)" "$work/pkg_config.out" || fail "pkg-config consumer reports another version"
 
-cat "$work/pkg_config.out"
-echo "installed to $prefix; find_package and pkg-config consumers pass"
+[ "$("$pkg_config" --modversion tessmorphop3_halide_safe)" = "$version" ] ||
+    fail "pkg-config reports another version of the safe library"
+# shellcheck disable=SC2046  # the flags are words
+"$cc" -std=c99 -pedantic -Wall -Wextra -Werror -pthread $("$pkg_config" --cflags tessmorphop3_halide_safe) \
+    "$here/safe_host.c" -o "$pc/safe_host" $("$pkg_config" --libs tessmorphop3_halide_safe tessmorphop3_halide) \
+    "-Wl,-rpath,$libdir"
+"$pc/safe_host" > "$work/pkg_config_safe.out" || fail "pkg-config safe host: $(cat "$work/pkg_config_safe.out")"
+grep -qx "tessmorphop3_halide_safe $version: ok" "$work/pkg_config_safe.out" ||
+    fail "pkg-config safe host reports $(cat "$work/pkg_config_safe.out")"
+
+cat "$work/pkg_config.out" "$work/pkg_config_safe.out"
+echo "installed to $prefix; find_package and pkg-config consumers and safe hosts pass"

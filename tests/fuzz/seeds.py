@@ -50,19 +50,47 @@ def head():  # ordinary host, right type, `dimensions` 3
     return bytes([0, 3])
 
 
+def beside(*places):
+    """An output with the image's box, each dimension placed by (place, min
+    offset, extent offset): place 0 next to the image's min, 1 at -2^31, 2
+    ending on 2^31 - 1, 3 half the range away.  Placed next to the image
+    unless given."""
+    return ("beside", places + ((0, 0, 0),) * (3 - len(places)))
+
+
 def call(name, image, strel, out, strides=None, out_strides=None, align_end=False):
-    """image, out: [(min, extent)] * 3; strel: extents; strides: None (dense) or three values.
-    align_end puts every buffer's last byte, not its first, next to an inaccessible page."""
-    b = struct.pack("<H", NAMES.index(name)) + bytes([int(align_end)]) + struct.pack("<I", 12345)
-    b += bytes([0, 1])  # pad values 0 and 1
+    """image: [(min, extent)] * 3; out: the same, or beside(...); strel: extents;
+    strides: None (dense) or three values.  align_end puts every buffer's
+    last byte, not its first, next to an inaccessible page."""
+    b = bytes([0, 1])  # pad values 0 and 1
     b += head() + b"".join(coord(m) + extent(e) for m, e in image)
     b += b"".join(stride(s) for s in (strides or [None] * 3))
     b += head() + bytes([0]) + DENSE * 2  # minmax 2 x 1, dense
     b += head() + b"".join(bytes([0]) + (bytes([e]) if 0 <= e <= 5 else bytes([250]) + extent(e)) for e in strel)
     b += DENSE * 3
-    b += head() + bytes([1]) + b"".join(coord(m) + extent(e) for m, e in out)
+    if out[0] == "beside":
+        b += head() + bytes([0]) + b"".join(bytes([(dm << 2 | place) & 255, de & 255]) for place, dm, de in out[1])
+    else:
+        b += head() + bytes([1]) + b"".join(coord(m) + extent(e) for m, e in out)
     b += b"".join(stride(s) for s in (out_strides or [None] * 3))
-    return b
+    return unmoved(struct.pack("<H", NAMES.index(name)) + bytes([int(align_end)]), b)
+
+
+def fnv1a(data):
+    h = 2166136261
+    for byte in data:
+        h = ((h ^ byte) * 16777619) & 0xFFFFFFFF
+    return h
+
+
+def unmoved(front, rest):
+    """The input with a `seed` field (the samples' random stream) for which
+    the target's hash moves no buffer to an end of the range: an odd hash."""
+    for seed in range(12345, 12345 + 64):
+        data = front + struct.pack("<I", seed) + rest
+        if fnv1a(data) & 1:
+            return data
+    raise AssertionError("no seed leaves the call as it is")
 
 
 def box(*extents, mins=(0, 0, 0)):
@@ -75,6 +103,12 @@ SEEDS = {}
 for op in ("imerode", "imdilate", "imopen", "imclose", "imtophat", "imbothat"):
     SEEDS[f"plain-{op}-uint8"] = call(f"{op}_uint8_none", box(40, 6, 2), (3, 3, 1), box(40, 6, 2))
     SEEDS[f"plain-{op}-float64-narrow"] = call(f"{op}_float64_none", box(2, 5, 3), (1, 3, 2), box(2, 5, 3))
+
+# Outputs placed beside the image, rows a whole band-walk block wide (float64
+# at the baseline: 2 lanes, 8 chunks): one change of the placement puts any
+# dimension at an end of the 32-bit range.
+for op in ("imerode", "imdilate", "imopen", "imclose", "imtophat", "imbothat"):
+    SEEDS[f"plain-{op}-float64-rows-of-a-block"] = call(f"{op}_float64_none", box(20, 3, 3), (3, 3, 1), beside())
 
 # Calls that reach the ends of the 32-bit range.
 for op in ("imerode", "imdilate"):
@@ -113,6 +147,12 @@ SEEDS["overflow-imopen-int32-image-offset"] = call("imopen_int32_avx2",
 # call through.
 SEEDS["refused-imopen-extent-0-rows-past-max"] = call("imopen_float32_avx2", box(16, 2, 1, mins=(0, 2147483645, 8)),
                                                       (0, 0, 2), box(16, 8, 1, mins=(0, 2147483645, 9)))
+
+# An opening whose output planes start at -2^31, rows a whole block wide:
+# every imopen export read far outside its buffers (the intermediate's box,
+# never read, was placed 2^31 away from the output).
+SEEDS["crash-imopen-planes-from-min"] = call("imopen_uint8_none", box(128, 128, 128), (1, 1, 1),
+                                             box(128, 128, 2, mins=(0, 0, -2147483648)))
 
 # Band walks of many planes at once: each band task takes its own block
 # from the allocator, from several threads at the same time.
