@@ -1,4 +1,5 @@
-"""Flat morphology on numpy arrays, bit for bit as libtessmorphop3_halide computes it.
+"""Flat morphology on numpy arrays on libtessmorphop3_halide: the textbook operators by
+default (as scipy.ndimage and scikit-image compute them), the library's own with ``exact=True``.
 
     >>> import numpy as np, tessmorph
     >>> from tessmorph import footprints
