@@ -49,7 +49,6 @@ set(_prototypes "")
 # compile.
 set(_exports_c "/* Generated from the list of entry points: one thin export per pipeline, and its adapter from the frame's call to the compiled pipeline. */\n#include <stdbool.h>\n\n#include \"frame.h\"\n#include \"tm_lanes.h\"\n\n#define TM_WINDOW(c) (c)->window_min[0], (c)->window_min[1], (c)->window_min[2], (c)->window_extent[0], (c)->window_extent[1], (c)->window_extent[2]\n#define TM_BANDS(c) (c)->walk, (c)->tap_runs, (c)->longest_run\n\n")
 set(_version "{\n  global:\n")
-set(_entries "/* Generated from the list of entry points: TM_ENTRY(operator, type, level, output). */\n")
 foreach (op IN LISTS TM_OPERATORS)
     set(out "${TM_OUTPUT_${op}}")
     foreach (t IN LISTS TM_TYPES)
@@ -93,7 +92,6 @@ foreach (op IN LISTS TM_OPERATORS)
                    "    static const tm_entry e = {TM_OP_${op}, ${code}, ${bits}, ${bytes}, TM_LANES_${t}_${l}, run_${name}};\n"
                    "    return tm_frame(&e, keyimForType, minmax, strel, ${out});\n}\n\n")
             string(APPEND _version "    ${name};\n")
-            string(APPEND _entries "TM_ENTRY(${op}, ${t}, ${l}, ${out})\n")
         endforeach ()
     endforeach ()
 endforeach ()
@@ -149,7 +147,6 @@ find_file(TM_HALIDE_RUNTIME_HEADER HalideRuntime.h PATHS ${_tm_runtime_dirs} NO_
 configure_file("${TM_HALIDE_RUNTIME_HEADER}" "${TM_GEN_DIR}/include/tessmorphop3_halide/HalideRuntime.h" COPYONLY)
 file(CONFIGURE OUTPUT "${TM_GEN_DIR}/exports.c" CONTENT "${_exports_c}" @ONLY)
 file(CONFIGURE OUTPUT "${TM_GEN_DIR}/exports.map" CONTENT "${_version}" @ONLY)
-file(CONFIGURE OUTPUT "${TM_GEN_DIR}/entries.inc" CONTENT "${_entries}" @ONLY)
 string(REPLACE ";" "\n" _export_list "${TM_EXPORTS}")
 file(CONFIGURE OUTPUT "${TM_GEN_DIR}/exports.txt" CONTENT "${_export_list}\n" @ONLY)
 
@@ -163,6 +160,10 @@ target_include_directories(tm_frame_objects PRIVATE frame dispatch stages "${TM_
 # The pipelines' libraries bring the directory of their generated headers.
 target_link_libraries(tm_frame_objects PRIVATE Halide::Runtime TBB::tbb ${TM_PIPELINE_LIBS})
 target_compile_options(tm_frame_objects PRIVATE -Wall -Wextra)
+# A call that does not match its pipeline's generated declaration fails to
+# compile, rather than warn.
+set_source_files_properties("${TM_GEN_DIR}/exports.c" PROPERTIES
+                            COMPILE_OPTIONS "-Werror=incompatible-pointer-types;-Werror=int-conversion")
 
 add_library(tessmorphop3_halide SHARED $<TARGET_OBJECTS:tm_frame_objects>)
 target_link_libraries(tessmorphop3_halide PRIVATE ${TM_PIPELINE_LIBS} tm_runtime TBB::tbb m)

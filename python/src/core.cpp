@@ -31,16 +31,17 @@ namespace py = pybind11;
 
 namespace {
 
-// The type and level words, with the Halide features of each level, come
-// from the one list of entry points; what a level asks of the processor is
-// the safe library's answer, from the same list.
+// The entries, type and level words come from the installed header's lists
+// (the Halide features of each level, which it does not carry, from the
+// build: TM_FEATURES_<level>); what a level asks of the processor is the
+// safe library's answer, from the same list.
 struct Entry {
     const char *op, *type, *level;
 };
 const Entry kEntries[] = {
-#define TM_ENTRY(op, t, l, out) {#op, #t, #l},
-#include "entries.inc"
-#undef TM_ENTRY
+#define TMP_ENTRY(op, t, l) {#op, #t, #l},
+    TESSMORPHOP3_HALIDE_ENTRIES(TMP_ENTRY)
+#undef TMP_ENTRY
 };
 
 struct TypeWord {
@@ -48,16 +49,18 @@ struct TypeWord {
     int code, bits, bytes;
 };
 const TypeWord kTypes[] = {
-#define TM_TYPE(word, code, bits, bytes, ctype) {#word, code, bits, bytes},
-#include "family.def"
+#define TMP_TYPE(word, code, bits, bytes, ctype) {#word, code, bits, bytes},
+    TESSMORPHOP3_HALIDE_TYPES(TMP_TYPE)
+#undef TMP_TYPE
 };
 
 struct LevelWord {
     const char *word, *features;
 };
 const LevelWord kLevels[] = {
-#define TM_LEVEL(word, features) {#word, #features},
-#include "family.def"
+#define TMP_LEVEL(word) {#word, TM_FEATURES_##word},
+    TESSMORPHOP3_HALIDE_LEVELS(TMP_LEVEL)
+#undef TMP_LEVEL
 };
 
 const char *const kOperators[] = {
