@@ -6,6 +6,9 @@
 #   TM_OUTPUT_<op>      name of the operator's output argument
 #   TM_STAGE_<op>       name of its intermediate stage (its first walk, for a
 #                       two-stage operator), or none
+#   TM_WINDOW_<op>      the image dimension bounding its window in dimension 2,
+#                       or -1
+#   TM_RESIDUE_<op>     1 where it reads the image again at the output
 #   TM_TYPES            element type words
 #   TM_TYPE_<t>         "code;bits;bytes;ctype"
 #   TM_LEVELS           level words
@@ -33,6 +36,8 @@ foreach (line IN LISTS _tm_lines)
         list(GET args 1 TM_OUTPUT_${word})
         list(GET args 2 _first)
         list(GET args 3 _second)
+        list(GET args 4 TM_WINDOW_${word})
+        list(GET args 5 TM_RESIDUE_${word})
         set(TM_STAGE_${word} none)
         if (NOT _second STREQUAL "none")
             set(TM_STAGE_${word} ${_first})
