@@ -42,10 +42,23 @@ struct Views {
 
 tm_entry entry_of(tm_operator op) { return tm_entry{op, 1, 8, 1, kLanes, nullptr}; }
 
-std::string test_name(const char *what) {
-    std::string n;
-    for (const char *c = what; *c; c++) n += std::isalnum(static_cast<unsigned char>(*c)) ? *c : '_';
-    return n;
+// A table row's name, from its `what`.
+struct CaseName {
+    template <class Case>
+    std::string operator()(const testing::TestParamInfo<Case> &i) const {
+        std::string n;
+        for (const char *c = i.param.what; *c; c++) n += std::isalnum(static_cast<unsigned char>(*c)) ? *c : '_';
+        return n;
+    }
+};
+
+// A call planned as the run plans it (the box first, for two stages).
+tm_entry plan_call(tm_operator op, const Views &w, tm_plan &p, int *status) {
+    const tm_entry e = entry_of(op);
+    std::memset(&p, 0, sizeof p);
+    if (tm_traits_of(op)->stage) tm_define_box(&e, w.v, false, p.box_min, p.box_extent);
+    *status = tm_make_plan(&e, w.v, &p);
+    return e;
 }
 
 // ---- What the definitions ask for ------------------------------------------
@@ -97,8 +110,7 @@ TEST_P(Regions, AsTheDefinitionsWrapThem) {
     EXPECT_EQ(r[TM_MM][0][1] - r[TM_MM][0][0] + 1, t->minmax_count);
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, Regions, testing::ValuesIn(kRegions),
-                         [](const testing::TestParamInfo<RegionCase> &i) { return test_name(i.param.what); });
+INSTANTIATE_TEST_SUITE_P(Table, Regions, testing::ValuesIn(kRegions), CaseName());
 
 // ---- The intermediate's box --------------------------------------------------
 
@@ -133,8 +145,7 @@ TEST_P(Box, ByItsDefiningFormulas) {
     EXPECT_EQ(box_extent[0], c.box_extent);
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, Box, testing::ValuesIn(kBoxes),
-                         [](const testing::TestParamInfo<BoxCase> &i) { return test_name(i.param.what); });
+INSTANTIATE_TEST_SUITE_P(Table, Box, testing::ValuesIn(kBoxes), CaseName());
 
 // ---- The plan, in coordinates from the output's min -------------------------
 
@@ -168,11 +179,10 @@ class Plan : public testing::TestWithParam<PlanCase> {};
 TEST_P(Plan, PlacesTheImageOrRefuses) {
     const PlanCase &c = GetParam();
     const Views w(c.im, c.out, c.se);
-    const tm_entry e = entry_of(c.op);
     tm_plan p;
-    std::memset(&p, 0, sizeof p);
-    if (tm_traits_of(c.op)->stage) tm_define_box(&e, w.v, false, p.box_min, p.box_extent);
-    EXPECT_EQ(tm_make_plan(&e, w.v, &p), c.status);
+    int status;
+    plan_call(c.op, w, p, &status);
+    EXPECT_EQ(status, c.status);
     if (c.status) {
         EXPECT_STREQ(p.why.label, c.label);
         EXPECT_EQ(p.why.d, c.d);
@@ -187,8 +197,7 @@ TEST_P(Plan, PlacesTheImageOrRefuses) {
     EXPECT_EQ(p.image_dummy, c.dummy);
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, Plan, testing::ValuesIn(kPlans),
-                         [](const testing::TestParamInfo<PlanCase> &i) { return test_name(i.param.what); });
+INSTANTIATE_TEST_SUITE_P(Table, Plan, testing::ValuesIn(kPlans), CaseName());
 
 // ---- The hand-over ------------------------------------------------------------
 
@@ -220,12 +229,11 @@ class HandOver : public testing::TestWithParam<HandCase> {};
 TEST_P(HandOver, DescribesThePlanForThePipeline) {
     const HandCase &c = GetParam();
     const Views w(c.im, c.out, c.se);
-    const tm_entry e = entry_of(c.op);
-    tm_plan p;
-    std::memset(&p, 0, sizeof p);
     const bool two_stage = tm_traits_of(c.op)->stage != nullptr;
-    if (two_stage) tm_define_box(&e, w.v, false, p.box_min, p.box_extent);
-    ASSERT_EQ(tm_make_plan(&e, w.v, &p), 0);
+    tm_plan p;
+    int status;
+    const tm_entry e = plan_call(c.op, w, p, &status);
+    ASSERT_EQ(status, 0);
     tm_handover h;
     EXPECT_EQ(tm_hand_over(&e, w.v, &p, c.block_bytes, &h), c.status);
     if (c.status) {
@@ -246,7 +254,6 @@ TEST_P(HandOver, DescribesThePlanForThePipeline) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, HandOver, testing::ValuesIn(kHands),
-                         [](const testing::TestParamInfo<HandCase> &i) { return test_name(i.param.what); });
+INSTANTIATE_TEST_SUITE_P(Table, HandOver, testing::ValuesIn(kHands), CaseName());
 
 }  // namespace
