@@ -35,6 +35,8 @@
 #include <string.h>
 #include <sys/mman.h>
 
+#include "blocks.h"
+
 enum { IM, MM, SE, OUT };
 
 /* Every coordinate the pipeline forms stays this far inside 32 bits, so
@@ -486,10 +488,14 @@ int tm_run_pipeline(const tm_entry *e, const tm_view v[4]) {
     const bool runs = !p.empty_output && make_plan(e, v, &p) == 0 && hand_over(e, v, &p, bytes, &h) == 0;
 
 
+    tm_blocks_enter();
     void *block = NULL;
     if (e->stage) {
         block = halide_malloc(NULL, (size_t)(bytes + (uint64_t)e->bytes));
-        if (!block) return halide_error_out_of_memory(NULL);
+        if (!block) {
+            tm_blocks_leave();
+            return halide_error_out_of_memory(NULL);
+        }
     }
     int status = 0;
     if (p.why.set) {
@@ -511,8 +517,10 @@ int tm_run_pipeline(const tm_entry *e, const tm_view v[4]) {
         h.stage.host = (uint8_t *)block;
         advise_huge_pages(block, bytes);
         status = e->run(&h.call);
+        tm_walk_plan_release(&h.walk);
     }
     /* The runtime's free takes no null pointer. */
     if (block) halide_free(NULL, block);
+    tm_blocks_leave();
     return status;
 }
