@@ -73,12 +73,15 @@ int32_t tm_centre(int32_t extent);
 /* How the call's stages walk the mask (walk_plan.c): the walk chosen (one
  * of stages/walks.h), and the mask's runs of taps in the walk's order
  * (first r0, length, r1, r2), described for the pipeline. */
-#define TM_MAX_RUNS 1024
+#define TM_MAX_RUNS 4096
 #define TM_RUN_FIELDS 4
 typedef struct {
     int32_t walk;
     int32_t count, longest;
-    int32_t runs[TM_MAX_RUNS][TM_RUN_FIELDS];
+    /* On the heap: up to TM_MAX_RUNS runs would be 64 KiB of the caller's
+     * stack, more than some hosts give a thread. */
+    int32_t (*runs)[TM_RUN_FIELDS];
+    int32_t no_run[TM_RUN_FIELDS];
     halide_dimension_t dim[2];
     halide_buffer_t buffer;
 } tm_walk_plan;
@@ -86,6 +89,8 @@ typedef struct {
 /* `stage_width`: the intermediate's extent in dimension 0 as the pipeline
  * computes it (two-stage operators). */
 void tm_plan_walk(const tm_entry *e, const tm_view v[4], int wide, int32_t stage_width, tm_walk_plan *p);
+/* Releases what tm_plan_walk allocated. */
+void tm_walk_plan_release(tm_walk_plan *p);
 
 /* Runs the entry's pipeline on descriptors that passed every check (for a
  * two-stage operator: sizes, allocates and releases the intermediate).

@@ -16,6 +16,7 @@
  * holds. */
 #include "frame.h"
 
+#include <stdlib.h>
 #include <string.h>
 
 #include "tm_lanes.h"
@@ -30,6 +31,41 @@ enum { IM, MM, SE, OUT };
 
 static int64_t max64(int64_t a, int64_t b) { return a > b ? a : b; }
 
+/* Counts the mask's runs of taps along dimension 0 and, where `runs` is
+ * given, lists them (first r0, length, r1, r2); clears *full if some byte of
+ * the box is not a tap. */
+static int64_t scan_runs(const tm_view *se, const int64_t ext[3], const int64_t c[3], int32_t (*runs)[TM_RUN_FIELDS],
+                         int *full) {
+    const uint8_t *bytes = (const uint8_t *)se->host;
+    int64_t count = 0;
+    for (int64_t k2 = 0; k2 < ext[2]; k2++)
+        for (int64_t k1 = 0; k1 < ext[1]; k1++) {
+            const uint8_t *row = bytes + k1 * se->stride[1] + k2 * se->stride[2];
+            for (int64_t k0 = 0; k0 < ext[0];) {
+                if (row[k0 * se->stride[0]] != 1) {
+                    *full = 0;
+                    k0++;
+                    continue;
+                }
+                const int64_t first = k0;
+                while (k0 < ext[0] && row[k0 * se->stride[0]] == 1) k0++;
+                if (runs) {
+                    runs[count][0] = (int32_t)(first - c[0]);
+                    runs[count][1] = (int32_t)(k0 - first);
+                    runs[count][2] = (int32_t)(k1 - c[1]);
+                    runs[count][3] = (int32_t)(k2 - c[2]);
+                }
+                count++;
+            }
+        }
+    return count;
+}
+
+void tm_walk_plan_release(tm_walk_plan *p) {
+    free(p->runs);
+    p->runs = NULL;
+}
+
 void tm_plan_walk(const tm_entry *e, const tm_view v[4], int wide, int32_t stage_width, tm_walk_plan *p) {
     const tm_view *se = &v[SE];
     memset(p, 0, sizeof *p);
@@ -37,7 +73,7 @@ void tm_plan_walk(const tm_entry *e, const tm_view v[4], int wide, int32_t stage
     p->dim[0] = (halide_dimension_t){0, TM_RUN_FIELDS, 1, 0};
     p->dim[1] = (halide_dimension_t){0, 0, TM_RUN_FIELDS, 0};
     memset(&p->buffer, 0, sizeof p->buffer);
-    p->buffer.host = (uint8_t *)p->runs;
+    p->buffer.host = (uint8_t *)p->no_run;
     p->buffer.type = (struct halide_type_t){halide_type_int, 32, 1};
     p->buffer.dimensions = 2;
     p->buffer.dim = p->dim;
@@ -57,33 +93,19 @@ void tm_plan_walk(const tm_entry *e, const tm_view v[4], int wide, int32_t stage
 
     /* The runs, r2 outermost and r0 innermost, ascending, as the walk meets
      * the taps; and whether every byte of the box is a tap. */
-    const uint8_t *bytes = (const uint8_t *)se->host;
-    int full = 1, fits = 1;
-    int32_t count = 0, longest = 0;
-    for (int64_t k2 = 0; k2 < ext[2]; k2++)
-        for (int64_t k1 = 0; k1 < ext[1]; k1++) {
-            const uint8_t *row = bytes + k1 * se->stride[1] + k2 * se->stride[2];
-            for (int64_t k0 = 0; k0 < ext[0];) {
-                if (row[k0 * se->stride[0]] != 1) {
-                    full = 0;
-                    k0++;
-                    continue;
-                }
-                int64_t first = k0;
-                while (k0 < ext[0] && row[k0 * se->stride[0]] == 1) k0++;
-                if (count == TM_MAX_RUNS) {
-                    fits = 0;
-                    continue;
-                }
-                p->runs[count][0] = (int32_t)(first - c[0]);
-                p->runs[count][1] = (int32_t)(k0 - first);
-                p->runs[count][2] = (int32_t)(k1 - c[1]);
-                p->runs[count][3] = (int32_t)(k2 - c[2]);
-                if (k0 - first > longest) longest = (int32_t)(k0 - first);
-                count++;
-            }
-        }
+    int full = 1;
+    int64_t count = scan_runs(se, ext, c, NULL, &full);
+    const int fits = count <= TM_MAX_RUNS;
     if (count == 0 || (!full && !fits)) return;
+    int32_t longest = 0;
+    if (fits) {
+        /* Without room for the list the call is walked directly. */
+        p->runs = malloc((size_t)count * sizeof *p->runs);
+        if (!p->runs) return;
+        scan_runs(se, ext, c, p->runs, &full);
+        for (int64_t i = 0; i < count; i++)
+            if (p->runs[i][1] > longest) longest = p->runs[i][1];
+    }
 
     /* Integer masks of long runs are walked by doubled folds: two reads a
      * run instead of one a tap, for TM_RUN_LEVELS - 1 folds of every source
@@ -92,7 +114,7 @@ void tm_plan_walk(const tm_entry *e, const tm_view v[4], int wide, int32_t stage
      * runs) 2.4 times faster this way; a 5 x 5 disk (13 in 5) gains
      * nothing and keeps the tap walk. */
     int64_t taps = 0;
-    for (int32_t i = 0; i < count; i++) taps += p->runs[i][1];
+    for (int64_t i = 0; i < count && fits; i++) taps += p->runs[i][1];
     int by_runs = e->code != halide_type_float && longest < ((int32_t)1 << TM_RUN_LEVELS) &&
                   taps >= 2 * (int64_t)count + 2 * TM_RUN_LEVELS;
 
@@ -123,7 +145,9 @@ void tm_plan_walk(const tm_entry *e, const tm_view v[4], int wide, int32_t stage
     } else {
         p->walk = by_runs ? TM_WALK_RUNS : TM_WALK_TAPS;
     }
-    p->count = count;
+    /* Only a box may have more runs than the list holds (see above). */
+    if (fits) p->buffer.host = (uint8_t *)p->runs;
+    p->count = fits ? (int32_t)count : 0;
     p->longest = longest;
-    p->dim[1].extent = count;
+    p->dim[1].extent = p->count;
 }
