@@ -142,6 +142,8 @@ const std::vector<CaseRow> &cases() {
             r.push_back({std::to_string(n) + "x" + std::to_string(n) + "x" + std::to_string(n), n, n, n,
                          {Type::UInt8, Type::UInt16},
                          {ball("ball1", 1), ball("ball3", 3), ball("ball7", 7), ball("ball15", 15)}, erode});
+        // A ball of about 2000 runs along its rows.
+        r.push_back({"128x128x128", 128, 128, 128, {Type::UInt8}, {ball("ball25", 25)}, erode});
         return r;
     }();
     return rows;

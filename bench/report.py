@@ -252,7 +252,8 @@ def write_curves(runs, best, dat_path):
             kind = "square" if el.startswith("square") else "disk"
             sizes.setdefault("%s %s %s" % (who, r["type"], kind), []).append((int(el[len(kind):]), ns))
         parts = r["shape"].split("x")
-        if len(parts) == 2 and int(parts[0]) * int(parts[1]) == (4 << 20) and el in ("disk5", "disk15"):
+        # The same rows as the widths' targets: h = 4 Mi // w (48 x 87381 too).
+        if len(parts) == 2 and int(parts[1]) == (4 << 20) // int(parts[0]) and el in ("disk5", "disk15"):
             widths.setdefault("%s %s %s" % (who, r["type"], el), []).append((int(parts[0]), ns))
     stem = dat_path.rsplit(".", 1)[0]
     series_file(stem + "_sizes.dat", sizes)

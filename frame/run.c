@@ -12,6 +12,7 @@
 #include <string.h>
 #include <sys/mman.h>
 
+#include "blocks.h"
 #include "handover.h"
 #include "regions.h"
 
@@ -62,10 +63,14 @@ int tm_run_pipeline(const tm_entry *e, const tm_view v[TM_NARGS]) {
     tm_handover h;
     const bool runs = !p.empty_output && tm_make_plan(e, v, &p) == 0 && tm_hand_over(e, v, &p, bytes, &h) == 0;
 
+    tm_blocks_enter();
     void *block = NULL;
     if (two_stage) {
         block = halide_malloc(NULL, (size_t)(bytes + (uint64_t)e->bytes));
-        if (!block) return halide_error_out_of_memory(NULL);
+        if (!block) {
+            tm_blocks_leave();
+            return halide_error_out_of_memory(NULL);
+        }
     }
     int status = 0;
     if (p.why.set) {
@@ -75,8 +80,10 @@ int tm_run_pipeline(const tm_entry *e, const tm_view v[TM_NARGS]) {
         tm_hand_walk(e, v, &p, block, &h);
         advise_huge_pages(block, bytes);
         status = e->run(&h.call);
+        tm_walk_plan_release(&h.walk);
     }
     /* The runtime's free takes no null pointer. */
     if (block) halide_free(NULL, block);
+    tm_blocks_leave();
     return status;
 }

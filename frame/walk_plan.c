@@ -16,6 +16,7 @@
  * holds. */
 #include "walk_plan.h"
 
+#include <stdlib.h>
 #include <string.h>
 
 #include "regions.h"
@@ -34,19 +35,20 @@ static void describe_list(tm_walk_plan *p) {
     memset(p, 0, sizeof *p);
     p->dim[0] = (halide_dimension_t){0, TM_RUN_FIELDS, 1, 0};
     p->dim[1] = (halide_dimension_t){0, 0, TM_RUN_FIELDS, 0};
-    p->buffer.host = (uint8_t *)p->runs;
+    p->buffer.host = (uint8_t *)p->no_run;
     p->buffer.type = (struct halide_type_t){halide_type_int, 32, 1};
     p->buffer.dimensions = 2;
     p->buffer.dim = p->dim;
 }
 
-/* The mask's runs, r2 outermost and r0 innermost, ascending, as the walk
- * meets the taps, into p (count, longest); whether every byte of the box
- * is a tap (`full`) and whether the list holds every run (`fits`). */
-static void list_runs(const tm_view *se, const int64_t ext[3], const int64_t c[3], tm_walk_plan *p, int *full,
-                      int *fits) {
+/* Counts the mask's runs of taps along dimension 0, r2 outermost and r0
+ * innermost, ascending, as the walk meets the taps, and where `runs` is
+ * given lists them (first r0, length, r1, r2); clears *full if some byte of
+ * the box is not a tap. */
+static int64_t scan_runs(const tm_view *se, const int64_t ext[3], const int64_t c[3], int32_t (*runs)[TM_RUN_FIELDS],
+                         int *full) {
     const uint8_t *bytes = (const uint8_t *)se->host;
-    *full = 1, *fits = 1;
+    int64_t count = 0;
     for (int64_t k2 = 0; k2 < ext[2]; k2++)
         for (int64_t k1 = 0; k1 < ext[1]; k1++) {
             const uint8_t *row = bytes + k1 * se->stride[1] + k2 * se->stride[2];
@@ -56,18 +58,34 @@ static void list_runs(const tm_view *se, const int64_t ext[3], const int64_t c[3
                     k0++;
                     continue;
                 }
-                int64_t first = k0;
+                const int64_t first = k0;
                 while (k0 < ext[0] && row[k0 * se->stride[0]] == 1) k0++;
-                if (p->count == TM_MAX_RUNS) {
-                    *fits = 0;
-                    continue;
+                if (runs) {
+                    int32_t *run = runs[count];
+                    run[0] = (int32_t)(first - c[0]), run[1] = (int32_t)(k0 - first);
+                    run[2] = (int32_t)(k1 - c[1]), run[3] = (int32_t)(k2 - c[2]);
                 }
-                int32_t *run = p->runs[p->count++];
-                run[0] = (int32_t)(first - c[0]), run[1] = (int32_t)(k0 - first);
-                run[2] = (int32_t)(k1 - c[1]), run[3] = (int32_t)(k2 - c[2]);
-                if (k0 - first > p->longest) p->longest = (int32_t)(k0 - first);
+                count++;
             }
         }
+    return count;
+}
+
+/* The list of the mask's `count` runs into p (runs, count, longest); 0
+ * where there is no memory for it. */
+static int list_runs(const tm_view *se, const int64_t ext[3], const int64_t c[3], int64_t count, tm_walk_plan *p) {
+    int full = 1;
+    if (!(p->runs = malloc((size_t)count * sizeof *p->runs))) return 0;
+    scan_runs(se, ext, c, p->runs, &full);
+    p->count = (int32_t)count;
+    for (int32_t i = 0; i < p->count; i++)
+        if (p->runs[i][1] > p->longest) p->longest = p->runs[i][1];
+    return 1;
+}
+
+void tm_walk_plan_release(tm_walk_plan *p) {
+    free(p->runs);
+    p->runs = NULL;
 }
 
 /* Integer masks of long runs are walked by doubled folds: two reads a run
@@ -99,10 +117,14 @@ static int32_t choose(const tm_entry *e, const tm_view v[TM_NARGS], int wide, in
     }
     /* A band task keeps TM_RING_ROWS rows: its band's and the reach. */
     if (ext[1] > TM_RING_ROWS - TM_BAND_ROWS + 1) return TM_WALK_DIRECT;
-    int full, fits;
-    list_runs(se, ext, c, p, &full, &fits);
-    if (p->count == 0 || (!full && !fits)) return TM_WALK_DIRECT;
-    int by_runs = worth_runs(e, p);
+    int full = 1;
+    const int64_t count = scan_runs(se, ext, c, NULL, &full);
+    if (count == 0 || (!full && count > TM_MAX_RUNS)) return TM_WALK_DIRECT;
+    /* Only a box may have more runs than the list holds; without memory
+     * for the list the call is walked directly. */
+    const int fits = count <= TM_MAX_RUNS;
+    if (fits && !list_runs(se, ext, c, count, p)) return TM_WALK_DIRECT;
+    int by_runs = fits && worth_runs(e, p);
 
     /* What a band task holds: TM_RING_ROWS rows in every plane the mask
      * reaches, a few times over (the rows, their folds), and the levels
@@ -135,5 +157,6 @@ void tm_plan_walk(const tm_entry *e, const tm_view v[TM_NARGS], int wide, int32_
     p->walk = choose(e, v, wide, stage_width, p);
     /* A direct walk is handed the list without runs. */
     if (p->walk == TM_WALK_DIRECT) p->count = p->longest = 0;
+    if (p->count > 0) p->buffer.host = (uint8_t *)p->runs;
     p->dim[1].extent = p->count;
 }

@@ -15,12 +15,15 @@ extern "C" {
 /* How the call's stages walk the mask: the walk chosen (one of
  * stages/walks.h), and the mask's runs of taps in the walk's order (first
  * r0, length, r1, r2), described for the pipeline. */
-#define TM_MAX_RUNS 1024
+#define TM_MAX_RUNS 4096
 #define TM_RUN_FIELDS 4
 typedef struct {
     int32_t walk;
     int32_t count, longest;
-    int32_t runs[TM_MAX_RUNS][TM_RUN_FIELDS];
+    /* On the heap: up to TM_MAX_RUNS runs would be 64 KiB of the caller's
+     * stack, more than some hosts give a thread. */
+    int32_t (*runs)[TM_RUN_FIELDS];
+    int32_t no_run[TM_RUN_FIELDS];
     halide_dimension_t dim[2];
     halide_buffer_t buffer;
 } tm_walk_plan;
@@ -30,6 +33,8 @@ typedef struct {
  * intermediate's extent in dimension 0 as the pipeline computes it
  * (two-stage operators). */
 void tm_plan_walk(const tm_entry *e, const tm_view v[TM_NARGS], int wide, int32_t stage_width, tm_walk_plan *p);
+/* Releases what tm_plan_walk allocated. */
+void tm_walk_plan_release(tm_walk_plan *p);
 
 #ifdef __cplusplus
 }

@@ -114,3 +114,56 @@ TEST(Dispatch, NestedFailureReachesTheOuterCaller) {
 }
 
 }  // namespace
+
+// The runtime's default allocator keeps freed working blocks while a call
+// runs, for the next task of the call: a block comes back for a request of
+// its own size class and of no less than half of it, never for a smaller
+// one, and is always aligned beyond what the runtime asks (32 bytes).
+#include "HalideRuntime.h"
+#include "blocks.h"
+
+namespace {
+
+struct Reuse {
+    const char *what;
+    size_t freed, asked;
+    bool same;
+};
+
+const Reuse kReuse[] = {
+    {"the same size", 1 << 20, 1 << 20, true},
+    {"a little less, same step of 64 KiB", (1 << 20) + 100, (1 << 20) + 50, true},
+    {"half of it", 2 << 20, 1 << 20, true},
+    {"less than half of it", 2 << 20, (1 << 20) - 4096, false},
+    {"more than it holds", 1 << 20, (1 << 20) + (64 << 10) + 1, false},
+    {"a small block is left to the C allocator", 1024, 1024, false},
+};
+
+TEST(Blocks, KeptWhileACallRuns) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "blocks are never kept under AddressSanitizer";
+#endif
+    for (const Reuse &r : kReuse) {
+        SCOPED_TRACE(r.what);
+        tm_blocks_enter();
+        void *a = halide_default_malloc(nullptr, r.freed);
+        ASSERT_NE(a, nullptr);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(a) % 32, 0u);
+        std::fill_n(static_cast<char *>(a), r.freed, 1);
+        halide_default_free(nullptr, a);
+        void *b = halide_default_malloc(nullptr, r.asked);
+        ASSERT_NE(b, nullptr);
+        if (r.same) EXPECT_EQ(a, b);
+        if (!r.same && b == a) EXPECT_LT(r.freed, size_t(64 << 10)) << "a kept block served the wrong request";
+        std::fill_n(static_cast<char *>(b), r.asked, 2);
+        halide_default_free(nullptr, b);
+        tm_blocks_leave();
+    }
+}
+
+TEST(Blocks, FailedAllocationIsNull) {
+    EXPECT_EQ(halide_default_malloc(nullptr, SIZE_MAX - 64), nullptr);
+    EXPECT_EQ(halide_default_malloc(nullptr, size_t(1) << 62), nullptr);
+}
+
+}  // namespace

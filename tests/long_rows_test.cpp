@@ -1,9 +1,8 @@
 // Long rows at every entry point against the scalar reference.  Rows at
 // least one chunk wide go to the band walks (in blocks of one chunk below
 // one block), chosen by the mask: each mask
-// below aims at one of them (the tap walk over runs, the box walk, the box
-// walk planes first, and the direct walk kept for a mask with too many
-// runs), on images whose row bands, blocks and borders fall differently,
+// below aims at one of them (the tap walk over runs, also a list of more
+// than a thousand, the box walk, the box walk planes first), on images whose row bands, blocks and borders fall differently,
 // with data that stresses the type and with data full of ties (for the
 // floating types +0 against -0, where the grouping of a walk would show).
 // Floating boxes of up to 9 taps are walked by taps, so the boxes meant for
@@ -79,7 +78,7 @@ const MaskCase kMasks[] = {
     {"row of 50 with a gap: runs of 40 and 9 read through folds of 32", {50, 1, 1},
      [](int i, int, int, std::mt19937 &) -> uint8_t { return i != 40; }},
     {"column of 100: more rows than a band task keeps: direct walk", {1, 100, 1}, one},
-    {"checkerboard of more runs than the list holds: direct walk", {64, 34, 1},
+    {"checkerboard of 1088 runs: a long list walked by taps", {64, 34, 1},
      [](int i, int j, int, std::mt19937 &) -> uint8_t { return (i + j) % 2; }},
 };
 
@@ -135,6 +134,37 @@ TEST_P(BandWalks, MatchReference) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Entries, BandWalks, testing::ValuesIn(kEntries), EntryName());
+
+// More than a thousand runs of three taps across rows and planes, read
+// through doubled folds: the list of runs beyond its former bound of 1024.
+// The integer types at the best level only: the reference walks every tap.
+class LongRunLists : public testing::TestWithParam<Entry> {};
+
+TEST_P(LongRunLists, MatchReference) {
+    const Entry &e = GetParam();
+    if (!e.cpu_has_level()) GTEST_SKIP() << "this processor lacks level " << e.level_word;
+    std::mt19937 rng(std::hash<std::string>()(e.name) ^ 0x1080);
+    Shape s{};
+    s.im_extent[0] = 8 * e.lanes + 5, s.im_extent[1] = 24, s.im_extent[2] = 4;
+    s.im_min[0] = -3, s.im_min[1] = 2, s.im_min[2] = 1;
+    const int32_t before[2] = {2, 1}, after[2] = {3, 2};
+    place_output(e, s, before, after);
+    const int32_t m[3] = {12, 24, 15};  // 24 x 15 rows of 3 runs: 1080
+    std::copy(m, m + 3, s.se_extent);
+    s.mask.resize(size_t(m[0]) * m[1] * m[2]);
+    for (size_t i = 0; i < s.mask.size(); i++) s.mask[i] = i % 4 != 3;
+    random_bounds(e, s, rng);
+    check_case(e, s, rng);
+}
+
+std::vector<Entry> long_run_entries() {
+    std::vector<Entry> r;
+    for (const Entry &e : kEntries)
+        if (e.level_word == "avx2" && (e.type == "uint8" || e.type == "int16" || e.type == "uint32")) r.push_back(e);
+    return r;
+}
+
+INSTANTIATE_TEST_SUITE_P(Entries, LongRunLists, testing::ValuesIn(long_run_entries()), EntryName());
 
 // Row lengths are a * L + b for the entry point's lane count L.
 struct Len {

@@ -75,7 +75,9 @@ const Row kRows[] = {
      TM_WALK_DIRECT},
     {"two-stage, intermediate of one chunk", T::UInt8, true, true, 0, 4, 0, 1, box(3, 3), TM_WALK_TAPS},
     {"two-stage, both a block wide", T::UInt8, true, true, 0, kBlock, 0, kBlock, box(3, 3), TM_WALK_BOX},
-    {"cube on narrow rows, more runs than the list holds", T::UInt8, false, true, 0, 2, 0, 0, box(3, 40, 30),
+    {"cube on narrow rows, as many runs as the list holds", T::UInt8, false, true, 0, 2, 0, 0, box(3, 64, 64),
+     TM_WALK_RUNS},
+    {"cube on narrow rows, more runs than the list holds", T::UInt8, false, true, 0, 2, 0, 0, box(3, 64, 65),
      TM_WALK_DIRECT},
     {"3 x 3 x 3 cube, integers: planes first", T::UInt8, false, true, 0, 16, 0, 0, box(3, 3, 3), TM_WALK_PLANES},
     {"3 x 3 x 3 cube, floating: the walk's own grouping", T::Float32, false, true, 0, 16, 0, 0, box(3, 3, 3),
@@ -100,9 +102,11 @@ const Row kRows[] = {
     {"no tap at all", T::UInt8, false, true, 0, 16, 0, 0, {{4, 4, 1}, [](int, int, int) -> uint8_t { return 0; }},
      TM_WALK_DIRECT},
     {"extent 0", T::UInt8, false, true, 0, 16, 0, 0, box(3, 0), TM_WALK_DIRECT},
+    {"checkerboard of 1088 runs", T::UInt8, false, true, 0, 16, 0, 0,
+     {{64, 34, 1}, [](int i, int j, int) -> uint8_t { return (i + j) % 2; }}, TM_WALK_TAPS},
     {"checkerboard of more runs than the list holds", T::UInt8, false, true, 0, 16, 0, 0,
-     {{64, 34, 1}, [](int i, int j, int) -> uint8_t { return (i + j) % 2; }}, TM_WALK_DIRECT},
-    {"a box of more runs than the list holds still folds", T::UInt8, false, true, 0, 16, 0, 0, box(1, 40, 30),
+     {{64, 65, 2}, [](int i, int j, int k) -> uint8_t { return (i + j + k) % 2; }}, TM_WALK_DIRECT},
+    {"a box of more runs than the list holds still folds", T::UInt8, false, true, 0, 16, 0, 0, box(1, 64, 65),
      TM_WALK_PLANES},
     {"rows whose band task would keep more than 64 MiB", T::UInt8, false, true, 0, 4096, 0, 0, box(3, 3, 9),
      TM_WALK_DIRECT},
@@ -134,6 +138,7 @@ TEST_P(WalkChoice, PicksItsWalk) {
     tm_walk_plan p;
     tm_plan_walk(&e, v, r.wide, r.stage_width * lanes, &p);
     EXPECT_STREQ(walk_name(p.walk), walk_name(r.expected));
+    tm_walk_plan_release(&p);
 }
 
 INSTANTIATE_TEST_SUITE_P(Calls, WalkChoice, testing::ValuesIn(kRows), [](const testing::TestParamInfo<Row> &i) {
