@@ -45,9 +45,9 @@ using EntryFn = int (*)(halide_buffer_t *, halide_buffer_t *, halide_buffer_t *,
 // Every export of this build, by name.
 const std::map<std::string, EntryFn> &exports() {
     static const std::map<std::string, EntryFn> m = {
-#define TM_ENTRY(op, t, l, out) {#op "_" #t "_" #l, op##_##t##_##l},
-#include "entries.inc"
-#undef TM_ENTRY
+#define TMB_ENTRY(op, t, l) {#op "_" #t "_" #l, op##_##t##_##l},
+        TESSMORPHOP3_HALIDE_ENTRIES(TMB_ENTRY)
+#undef TMB_ENTRY
     };
     return m;
 }

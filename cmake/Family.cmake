@@ -4,7 +4,11 @@
 #
 #   TM_OPERATORS        operator names, in list order
 #   TM_OUTPUT_<op>      name of the operator's output argument
-#   TM_STAGE_<op>       name of its intermediate stage, or none
+#   TM_STAGE_<op>       name of its intermediate stage (its first walk, for a
+#                       two-stage operator), or none
+#   TM_WINDOW_<op>      the image dimension bounding its window in dimension 2,
+#                       or -1
+#   TM_RESIDUE_<op>     1 where it reads the image again at the output
 #   TM_TYPES            element type words
 #   TM_TYPE_<t>         "code;bits;bytes;ctype"
 #   TM_LEVELS           level words
@@ -30,7 +34,14 @@ foreach (line IN LISTS _tm_lines)
     if (kind STREQUAL "OPERATOR")
         list(APPEND TM_OPERATORS ${word})
         list(GET args 1 TM_OUTPUT_${word})
-        list(GET args 2 TM_STAGE_${word})
+        list(GET args 2 _first)
+        list(GET args 3 _second)
+        list(GET args 4 TM_WINDOW_${word})
+        list(GET args 5 TM_RESIDUE_${word})
+        set(TM_STAGE_${word} none)
+        if (NOT _second STREQUAL "none")
+            set(TM_STAGE_${word} ${_first})
+        endif ()
     elseif (kind STREQUAL "TYPE")
         list(APPEND TM_TYPES ${word})
         list(SUBLIST args 1 4 TM_TYPE_${word})

@@ -44,11 +44,12 @@ add_custom_command(OUTPUT "${TM_GEN_DIR}/tm_lanes.h"
 # One pipeline per export, under an internal name.
 set(TM_PIPELINE_LIBS "")
 set(_prototypes "")
+# exports.c calls each pipeline through the header Halide generates beside
+# it, so that an argument list that differs from the frame's call does not
+# compile.
 set(_exports_c "/* Generated from the list of entry points: one thin export per pipeline, and its adapter from the frame's call to the compiled pipeline. */\n#include <stdbool.h>\n\n#include \"frame.h\"\n#include \"tm_lanes.h\"\n\n#define TM_WINDOW(c) (c)->window_min[0], (c)->window_min[1], (c)->window_min[2], (c)->window_extent[0], (c)->window_extent[1], (c)->window_extent[2]\n#define TM_BANDS(c) (c)->walk, (c)->tap_runs, (c)->longest_run\n\n")
 set(_version "{\n  global:\n")
-set(_entries "/* Generated from the list of entry points: TM_ENTRY(operator, type, level, output). */\n")
 foreach (op IN LISTS TM_OPERATORS)
-    string(TOUPPER "${op}" OP)
     set(out "${TM_OUTPUT_${op}}")
     foreach (t IN LISTS TM_TYPES)
         list(GET TM_TYPE_${t} 0 code)
@@ -69,13 +70,9 @@ foreach (op IN LISTS TM_OPERATORS)
             set(stage "${TM_STAGE_${op}}")
             set(params keyimForType.type=${ht} ${out}.type=${ht} boolean=${is_bool})
             if (stage STREQUAL "none")
-                set(stage_name "0")
-                set(stage_arg "")
                 set(stage_pass "")
             else ()
                 list(APPEND params ${stage}.type=${ht})
-                set(stage_name "\"${stage}\"")
-                set(stage_arg ", halide_buffer_t *")
                 set(stage_pass ", c->stage")
             endif ()
             add_halide_library(tm_${name} FROM tm_generator
@@ -88,14 +85,13 @@ foreach (op IN LISTS TM_OPERATORS)
             string(APPEND _prototypes
                    "int ${name}(halide_buffer_t *keyimForType, halide_buffer_t *minmax, halide_buffer_t *strel, halide_buffer_t *${out});\n")
             string(APPEND _exports_c
-                   "int tm_${name}(halide_buffer_t *, halide_buffer_t *, halide_buffer_t *, bool, int32_t, int32_t, int32_t, int32_t, int32_t, int32_t, int32_t, halide_buffer_t *, int32_t, halide_buffer_t *${stage_arg});\n"
+                   "#include \"tm_${name}.h\"\n"
                    "static int run_${name}(const tm_call *c) {\n"
                    "    return tm_${name}(c->keyimForType, c->minmax, c->strel, c->wide != 0, TM_WINDOW(c), TM_BANDS(c), c->out${stage_pass});\n}\n"
                    "__attribute__((visibility(\"default\"))) int ${name}(halide_buffer_t *keyimForType, halide_buffer_t *minmax, halide_buffer_t *strel, halide_buffer_t *${out}) {\n"
-                   "    static const tm_entry e = {TM_${OP}, \"${out}\", ${code}, ${bits}, ${bytes}, TM_LANES_${t}_${l}, run_${name}, ${stage_name}};\n"
+                   "    static const tm_entry e = {TM_OP_${op}, ${code}, ${bits}, ${bytes}, TM_LANES_${t}_${l}, run_${name}};\n"
                    "    return tm_frame(&e, keyimForType, minmax, strel, ${out});\n}\n\n")
             string(APPEND _version "    ${name};\n")
-            string(APPEND _entries "TM_ENTRY(${op}, ${t}, ${l}, ${out})\n")
         endforeach ()
     endforeach ()
 endforeach ()
@@ -151,19 +147,23 @@ find_file(TM_HALIDE_RUNTIME_HEADER HalideRuntime.h PATHS ${_tm_runtime_dirs} NO_
 configure_file("${TM_HALIDE_RUNTIME_HEADER}" "${TM_GEN_DIR}/include/tessmorphop3_halide/HalideRuntime.h" COPYONLY)
 file(CONFIGURE OUTPUT "${TM_GEN_DIR}/exports.c" CONTENT "${_exports_c}" @ONLY)
 file(CONFIGURE OUTPUT "${TM_GEN_DIR}/exports.map" CONTENT "${_version}" @ONLY)
-file(CONFIGURE OUTPUT "${TM_GEN_DIR}/entries.inc" CONTENT "${_entries}" @ONLY)
 string(REPLACE ";" "\n" _export_list "${TM_EXPORTS}")
 file(CONFIGURE OUTPUT "${TM_GEN_DIR}/exports.txt" CONTENT "${_export_list}\n" @ONLY)
 
 # Frame and dispatch, compiled once for both libraries.
 add_library(tm_frame_objects OBJECT
-            frame/frame.c frame/plan.c frame/walk_plan.c frame/messages.c "${TM_GEN_DIR}/exports.c" "${TM_GEN_DIR}/tm_lanes.h"
+            frame/frame.c frame/regions.c frame/walk_plan.c frame/handover.c frame/run.c frame/messages.c "${TM_GEN_DIR}/exports.c" "${TM_GEN_DIR}/tm_lanes.h"
             dispatch/blocks.c dispatch/par_for.cpp dispatch/load_hook.c)
 set_target_properties(tm_frame_objects PROPERTIES POSITION_INDEPENDENT_CODE ON
                       C_VISIBILITY_PRESET hidden CXX_VISIBILITY_PRESET hidden)
 target_include_directories(tm_frame_objects PRIVATE frame dispatch stages "${TM_GEN_DIR}")
-target_link_libraries(tm_frame_objects PRIVATE Halide::Runtime TBB::tbb)
+# The pipelines' libraries bring the directory of their generated headers.
+target_link_libraries(tm_frame_objects PRIVATE Halide::Runtime TBB::tbb ${TM_PIPELINE_LIBS})
 target_compile_options(tm_frame_objects PRIVATE -Wall -Wextra)
+# A call that does not match its pipeline's generated declaration fails to
+# compile, rather than warn.
+set_source_files_properties("${TM_GEN_DIR}/exports.c" PROPERTIES
+                            COMPILE_OPTIONS "-Werror=incompatible-pointer-types;-Werror=int-conversion")
 
 add_library(tessmorphop3_halide SHARED $<TARGET_OBJECTS:tm_frame_objects>)
 target_link_libraries(tessmorphop3_halide PRIVATE ${TM_PIPELINE_LIBS} tm_runtime TBB::tbb m)

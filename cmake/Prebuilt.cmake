@@ -28,6 +28,9 @@ function(add_halide_library TARGET)
         message(FATAL_ERROR "${archive} is missing: build ${TM_PIPELINES_FROM} first")
     endif ()
     add_library(${TARGET} STATIC IMPORTED GLOBAL)
+    # The header Halide generated beside the archive, as add_halide_library
+    # offers it.
     set_target_properties(${TARGET} PROPERTIES IMPORTED_LOCATION "${archive}"
-                          INTERFACE_LINK_LIBRARIES "${ARG_USE_RUNTIME}")
+                          INTERFACE_LINK_LIBRARIES "${ARG_USE_RUNTIME}"
+                          INTERFACE_INCLUDE_DIRECTORIES "${TM_PIPELINES_FROM}")
 endfunction()

@@ -32,9 +32,9 @@ using Export = int (*)(halide_buffer_t *, halide_buffer_t *, halide_buffer_t *, 
 // Every export, in the list's order: operator, then type, then level, as
 // the enumerations of the header count them.
 const Export kExports[] = {
-#define TM_ENTRY(op, t, l, out) op##_##t##_##l,
-#include "entries.inc"
-#undef TM_ENTRY
+#define TMS_X(op, t, l) op##_##t##_##l,
+    TESSMORPHOP3_HALIDE_ENTRIES(TMS_X)
+#undef TMS_X
 };
 static_assert(sizeof kExports / sizeof kExports[0] == TMS_OPERATOR_COUNT * TMS_TYPE_COUNT * TMS_LEVEL_COUNT,
               "one export per operator, type and level");

@@ -81,7 +81,7 @@ TEST_F(FrameTest, NullPointersAreReportedInReverseWalkingOrder) {
             std::string first;
             for (auto it = walk.rbegin(); it != walk.rend() && first.empty(); ++it)
                 if (!c.arg[arg_of(*it)]) first = *it;
-            if (mask == 15) EXPECT_EQ(first, t.op == TM_IMTOPHAT ? "tophat" : "strel");
+            if (mask == 15) EXPECT_EQ(first, t.op == TM_OP_imtophat ? "tophat" : "strel");
             expect_call(t, c, -12, ("Buffer argument " + first + " is NULL").c_str());
         }
     }

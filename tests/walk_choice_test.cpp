@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "frame.h"
+#include "walk_plan.h"
 #include "tm_lanes.h"
 #include "walks.h"
 
@@ -123,8 +123,7 @@ TEST_P(WalkChoice, PicksItsWalk) {
     const int32_t bytes = bits / 8;
     const int32_t lanes = r.type == T::UInt8 ? TM_LANES_uint8_avx2 : r.type == T::UInt16 ? TM_LANES_uint16_avx2
                                                                                           : TM_LANES_float32_avx2;
-    const tm_entry e = {r.two_stage ? TM_IMOPEN : TM_IMERODE, "erode", code, bits, bytes, lanes, nullptr,
-                        r.two_stage ? "imerode" : nullptr};
+    const tm_entry e = {r.two_stage ? TM_OP_imopen : TM_OP_imerode, code, bits, bytes, lanes, nullptr};
     std::vector<uint8_t> mask(size_t(r.mask.e[0]) * r.mask.e[1] * r.mask.e[2]);
     for (int k = 0; k < r.mask.e[2]; k++)
         for (int j = 0; j < r.mask.e[1]; j++)

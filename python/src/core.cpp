@@ -31,16 +31,18 @@ namespace py = pybind11;
 
 namespace {
 
-// The type and level words, with the Halide features of each level, come
-// from the one list of entry points; what a level asks of the processor is
-// the safe library's answer, from the same list.
+// The entries, type and level words come from the installed header's lists;
+// what those do not carry (an operator's window and residue, a level's
+// Halide features) from core_family.inc, which the build writes from the
+// same list.  What a level asks of the processor is the safe library's
+// answer.
 struct Entry {
     const char *op, *type, *level;
 };
 const Entry kEntries[] = {
-#define TM_ENTRY(op, t, l, out) {#op, #t, #l},
-#include "entries.inc"
-#undef TM_ENTRY
+#define TMP_ENTRY(op, t, l) {#op, #t, #l},
+    TESSMORPHOP3_HALIDE_ENTRIES(TMP_ENTRY)
+#undef TMP_ENTRY
 };
 
 struct TypeWord {
@@ -48,16 +50,36 @@ struct TypeWord {
     int code, bits, bytes;
 };
 const TypeWord kTypes[] = {
-#define TM_TYPE(word, code, bits, bytes, ctype) {#word, code, bits, bytes},
-#include "family.def"
+#define TMP_TYPE(word, code, bits, bytes, ctype) {#word, code, bits, bytes},
+    TESSMORPHOP3_HALIDE_TYPES(TMP_TYPE)
+#undef TMP_TYPE
 };
+
+#define TMP_OPERATOR(name, window, residue)
+#define TMP_FEATURES(word, features) const char *const kFeatures_##word = features;
+#include "core_family.inc"
+#undef TMP_OPERATOR
+#undef TMP_FEATURES
 
 struct LevelWord {
     const char *word, *features;
 };
 const LevelWord kLevels[] = {
-#define TM_LEVEL(word, features) {#word, #features},
-#include "family.def"
+#define TMP_LEVEL(word) {#word, kFeatures_##word},
+    TESSMORPHOP3_HALIDE_LEVELS(TMP_LEVEL)
+#undef TMP_LEVEL
+};
+
+struct OperatorWord {
+    const char *name;
+    int window, residue;
+};
+const OperatorWord kOperatorTraits[] = {
+#define TMP_OPERATOR(name, window, residue) {#name, window, residue},
+#define TMP_FEATURES(word, features)
+#include "core_family.inc"
+#undef TMP_OPERATOR
+#undef TMP_FEATURES
 };
 
 const char *const kOperators[] = {
@@ -249,6 +271,12 @@ PYBIND11_MODULE(_core, m) {
             r.emplace_back(l.word, l.features, tms_cpu_has(tms_level(&l - kLevels)) != 0);
         return r;
     }, "The levels, from the baseline up: (word, Halide features, whether this processor has them).");
+    m.def("operators", [] {
+        std::vector<std::tuple<std::string, int, bool>> r;
+        for (const OperatorWord &o : kOperatorTraits) r.emplace_back(o.name, o.window, o.residue != 0);
+        return r;
+    }, "The operators: (word, the image dimension that bounds opening's window in dimension 2 or -1, "
+       "whether it reads the image again at the output).");
     m.def("call", &call, py::arg("op"), py::arg("type"), py::arg("level"), py::arg("image"), py::arg("image_min"),
           py::arg("lower"), py::arg("upper"), py::arg("strel"), py::arg("out"), py::arg("out_min"),
           "Runs one entry point; raises with the library's message if it refuses.");

@@ -25,9 +25,26 @@ OPERATORS = {
     "white_tophat": "imtophat",
     "black_tophat": "imbothat",
 }
-# These read the image again at the output's own coordinates, so their
-# output has to lie inside the image.
-RESIDUES = ("white_tophat", "black_tophat")
+# What the library's list of entry points says of each operator: the
+# dimension of the image whose extent bounds opening's window in dimension 2
+# (-1: no window), and whether it reads the image again at the output's own
+# coordinates, so that its output has to lie inside the image (a residue).
+_TRAITS = {word: (window, residue) for word, window, residue in _core.operators()}
+RESIDUES = tuple(name for name, word in OPERATORS.items() if _TRAITS[word][1])
+
+
+def window_shape(operator, shape):
+    """The extents of opening's window along the axes of an image of this
+    shape (1 to 3 axes), or None for an operator without one: from 0, as
+    long as the image, but on the library's dimension 2 (the first axis of a
+    volume) as long as the dimension the library names."""
+    window = _TRAITS[OPERATORS[operator]][0]
+    if window < 0:
+        return None
+    extents = list(shape)
+    if len(shape) == 3:
+        extents[0] = shape[2 - window]
+    return extents
 
 
 def _type_table():

@@ -189,15 +189,6 @@ def _origins(origin, image_ndim, fp_ndim):
     return [0] * (image_ndim - len(origin)) + origin
 
 
-def _opening_box(o, n, e, bound):
-    """The part of the window [0, bound) that the dilation of the output
-    samples o .. o + n - 1 reads, as the library clips it: never empty."""
-    c = (e + 1) // 2 - 1
-    lo = max(min(o + c + 1 - e, bound - 1), 0)
-    hi = max(min(o + n + c, bound) - 1, 0)
-    return lo, hi - lo + 1
-
-
 def _exact_chunk(block, block_origin, chunk_origin, chunk_shape, *, operator, shape, footprint, lower=None,
                  upper=None, level=None):
     """One output chunk of the library's operator, the block placed in the whole."""
@@ -209,14 +200,12 @@ def _exact_chunk(block, block_origin, chunk_origin, chunk_shape, *, operator, sh
         return _apply(operator, block, footprint, image_origin=block_origin, out_origin=chunk_origin,
                       out_shape=chunk_shape, **kw)
 
-    # The window: from 0, as long as the image, but on the first axis of a
-    # volume as long as the second axis.
-    bounds = list(shape)
-    if len(shape) == 3:
-        bounds[0] = shape[1]
-    fp_shape = (1,) * (len(shape) - footprint.ndim) + footprint.shape
-    box = [_opening_box(o, n, e, b) for o, n, e, b in zip(chunk_origin, chunk_shape, fp_shape, bounds)]
-    box_origin, box_shape = [b[0] for b in box], [b[1] for b in box]
+    # The intermediate is what the dilation of the chunk reads of the window,
+    # clamped into it as into an image: the bounds query of that dilation.
+    window = _library.window_shape(operator, shape)
+    box = _library.required_region("dilation", window, footprint, chunk_origin, chunk_shape,
+                                   image_origin=(0,) * len(shape), level=level)
+    box_origin, box_shape = box.image_origin, box.image_shape
     eroded = _apply("erosion", block, footprint, image_origin=block_origin, out_origin=box_origin,
                     out_shape=box_shape, **kw)
     return _apply("dilation", eroded, footprint, image_origin=box_origin, out_origin=chunk_origin,

@@ -48,13 +48,14 @@
 
 /* ---- The exports, from the list ------------------------------------------ */
 
-#define TM_TYPE(word, code, bits, bytes, ctype) enum { CODE_##word = code, BITS_##word = bits, BYTES_##word = bytes };
-#include "family.def"
+#define TMF_TYPE(word, code, bits, bytes, ctype) enum { CODE_##word = code, BITS_##word = bits, BYTES_##word = bytes };
+TESSMORPHOP3_HALIDE_TYPES(TMF_TYPE)
+#undef TMF_TYPE
 
 typedef int (*export_fn)(halide_buffer_t *, halide_buffer_t *, halide_buffer_t *, halide_buffer_t *);
 
 typedef struct {
-    const char *name, *op_word, *level_word, *output;
+    const char *name, *op_word, *level_word;
     int lanes, code, bits, bytes;
     export_fn fn;
     /* filled at start-up */
@@ -64,34 +65,19 @@ typedef struct {
 } export_info;
 
 static export_info exports[] = {
-#define TM_ENTRY(op, t, l, out)                                                                            \
-    {.name = #op "_" #t "_" #l, .op_word = #op, .level_word = #l, .output = #out, .lanes = TM_LANES_##t##_##l, \
+#define TMF_ENTRY(op, t, l)                                                                     \
+    {.name = #op "_" #t "_" #l, .op_word = #op, .level_word = #l, .lanes = TM_LANES_##t##_##l, \
      .code = CODE_##t, .bits = BITS_##t, .bytes = BYTES_##t, .fn = op##_##t##_##l},
-#include "entries.inc"
-#undef TM_ENTRY
+TESSMORPHOP3_HALIDE_ENTRIES(TMF_ENTRY)
+#undef TMF_ENTRY
 };
 enum { NEXPORTS = sizeof exports / sizeof exports[0] };
 
-static const struct {
-    const char *name, *output, *stage;
-} operators[] = {
-#define TM_OPERATOR(name, output, stage) {#name, #output, #stage},
-#include "family.def"
+static const char *const levels[] = {
+#define TMF_LEVEL(word) #word,
+    TESSMORPHOP3_HALIDE_LEVELS(TMF_LEVEL)
+#undef TMF_LEVEL
 };
-
-static const struct {
-    const char *word, *features;
-} levels[] = {
-#define TM_LEVEL(word, features) {#word, #features},
-#include "family.def"
-};
-
-/* The frame's own names of the operators. */
-static const struct {
-    const char *name;
-    tm_operator op;
-} frame_ops[] = {{"imerode", TM_IMERODE},   {"imdilate", TM_IMDILATE}, {"imopen", TM_IMOPEN},
-                 {"imclose", TM_IMCLOSE},   {"imtophat", TM_IMTOPHAT}, {"imbothat", TM_IMBOTHAT}};
 
 /* ---- Reading the input ---------------------------------------------------- */
 
@@ -733,14 +719,12 @@ int LLVMFuzzerInitialize(int *argc, char ***argv) {
     page = (size_t)sysconf(_SC_PAGESIZE);
     for (int i = 0; i < NEXPORTS; i++) {
         export_info *x = &exports[i];
-        for (size_t o = 0; o < sizeof operators / sizeof operators[0]; o++)
-            if (!strcmp(operators[o].name, x->op_word))
-                x->stage = strcmp(operators[o].stage, "none") ? operators[o].stage : NULL;
-        for (size_t o = 0; o < sizeof frame_ops / sizeof frame_ops[0]; o++)
-            if (!strcmp(frame_ops[o].name, x->op_word)) x->op = frame_ops[o].op;
+        for (int o = 0; o < TM_OP_COUNT; o++)
+            if (!strcmp(tm_traits_of((tm_operator)o)->name, x->op_word)) x->op = (tm_operator)o;
+        x->stage = tm_traits_of(x->op)->stage;
         /* The library's table of levels, as hosts read it. */
         for (size_t l = 0; l < sizeof levels / sizeof levels[0]; l++)
-            if (!strcmp(levels[l].word, x->level_word)) x->runnable = tme_cpu_has((tme_level)l);
+            if (!strcmp(levels[l], x->level_word)) x->runnable = tme_cpu_has((tme_level)l);
     }
     uint8_t *untouchable = reserve(FORBIDDEN_SPAN);
     dim_pages = reserve(2 * NARGS * page);
@@ -763,8 +747,8 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     /* 1. The frame alone, with the stub in place of the pipeline. */
     const export_info *x = c.x;
-    const tm_entry stub = {.op = x->op, .output = x->output, .code = (uint8_t)x->code, .bits = (uint8_t)x->bits,
-                           .bytes = x->bytes, .lanes = x->lanes, .run = stub_run, .stage = x->stage};
+    const tm_entry stub = {.op = x->op, .code = (uint8_t)x->code, .bits = (uint8_t)x->bits, .bytes = x->bytes,
+                           .lanes = x->lanes, .run = stub_run};
     /* The frame reads the mask's bytes (to list its taps) when it hands a
      * call on, and nothing else: the mask gets real storage here too. */
     uint8_t *dummy[NARGS] = {forbidden, forbidden, forbidden, forbidden};

@@ -56,12 +56,20 @@ inline Level level_of(const std::string &w) {
     return w == "none" ? Level::None : w == "avx" ? Level::Avx : Level::Avx2;
 }
 
+inline std::string output_of(const std::string &op) {
+    static const std::map<std::string, std::string> m = {
+#define TMT_OUTPUT(name, output) {#name, #output},
+        TESSMORPHOP3_HALIDE_OPERATORS(TMT_OUTPUT)
+#undef TMT_OUTPUT
+    };
+    return m.at(op);
+}
+
 inline const std::vector<Entry> &all_entries() {
     static const std::vector<Entry> entries = {
-#define TM_ENTRY(op, t, l, out) \
-    {#op "_" #t "_" #l, #op, #t, #l, #out, level_of(#l), TM_LANES_##t##_##l, op##_##t##_##l},
-#include "entries.inc"
-#undef TM_ENTRY
+#define TMT_ENTRY(op, t, l) {#op "_" #t "_" #l, #op, #t, #l, output_of(#op), level_of(#l), TM_LANES_##t##_##l, op##_##t##_##l},
+        TESSMORPHOP3_HALIDE_ENTRIES(TMT_ENTRY)
+#undef TMT_ENTRY
     };
     return entries;
 }

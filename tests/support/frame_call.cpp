@@ -9,7 +9,8 @@ Target target(const std::string &name) {
     const Entry &e = entry(name);
     Target t{};
     t.name = name;
-    t.op = tm_operator(std::find(std::begin(kOperators), std::end(kOperators), e.op) - std::begin(kOperators));
+    for (int op = 0; op < TM_OP_COUNT; op++)
+        if (e.op == tm_traits_of(tm_operator(op))->name) t.op = tm_operator(op);
     t.output = e.output.c_str();
     t.type = type_info(e.type);
     t.lanes = e.lanes;

@@ -36,7 +36,11 @@ struct Target {
     Export real;  // null: the stub runs
 };
 
-inline const char *const kOperators[] = {"imerode", "imdilate", "imopen", "imclose", "imtophat", "imbothat"};
+inline const char *const kOperators[] = {
+#define TMT_OPERATOR(name, output) #name,
+    TESSMORPHOP3_HALIDE_OPERATORS(TMT_OPERATOR)
+#undef TMT_OPERATOR
+};
 
 Target target(const std::string &name);
 

@@ -25,9 +25,7 @@ extern "C" int tm_test_stub_pipeline(const tm_call *c) {
 
 int invoke(const Target &t, Call &c) {
     if (t.real) return t.real(c.arg[IM], c.arg[MM], c.arg[SE], c.arg[OUT]);
-    static const char *const stages[] = {nullptr, nullptr, "imerode", "imdilate", "imerode", "imdilate"};
-    const tm_entry e = {t.op,    t.output,           t.type.ht.code, t.type.ht.bits, t.type.bytes,
-                        t.lanes, tm_test_stub_pipeline, stages[t.op]};
+    const tm_entry e = {t.op, t.type.ht.code, t.type.ht.bits, t.type.bytes, t.lanes, tm_test_stub_pipeline};
     return tm_frame(&e, c.arg[IM], c.arg[MM], c.arg[SE], c.arg[OUT]);
 }
 

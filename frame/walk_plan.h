@@ -1,0 +1,43 @@
+/* Which walk a call's stages take, read off the mask once per call (see
+ * walk_plan.c).  Reads the regions module for the element's centre and
+ * nothing of the checks. */
+#ifndef TM_WALK_PLAN_H
+#define TM_WALK_PLAN_H
+
+#include <stdint.h>
+
+#include "entry.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* How the call's stages walk the mask: the walk chosen (one of
+ * stages/walks.h), and the mask's runs of taps in the walk's order (first
+ * r0, length, r1, r2), described for the pipeline. */
+#define TM_MAX_RUNS 4096
+#define TM_RUN_FIELDS 4
+typedef struct {
+    int32_t walk;
+    int32_t count, longest;
+    /* On the heap: up to TM_MAX_RUNS runs would be 64 KiB of the caller's
+     * stack, more than some hosts give a thread. */
+    int32_t (*runs)[TM_RUN_FIELDS];
+    int32_t no_run[TM_RUN_FIELDS];
+    halide_dimension_t dim[2];
+    halide_buffer_t buffer;
+} tm_walk_plan;
+
+/* `wide`: the call may take a band walk (its image is wider than L, and it
+ * reads something of the image and of any window); `stage_width`: the
+ * intermediate's extent in dimension 0 as the pipeline computes it
+ * (two-stage operators). */
+void tm_plan_walk(const tm_entry *e, const tm_view v[TM_NARGS], int wide, int32_t stage_width, tm_walk_plan *p);
+/* Releases what tm_plan_walk allocated. */
+void tm_walk_plan_release(tm_walk_plan *p);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
