@@ -11,6 +11,8 @@ string(REGEX REPLACE "^([^-]+-[^-]+-[^-]+).*$" "\\1" TM_ARCH_OS "${Halide_CMAKE_
 
 add_halide_generator(tm_generator
                      SOURCES frame/generator.cpp stages/element_walk.cpp stages/walk_schedule.cpp
+                             stages/walk_direct.cpp stages/walk_taps.cpp stages/walk_box.cpp
+                             stages/walk_planes.cpp stages/walk_runs.cpp
                              pipelines/operators.cpp pipelines/residue.cpp)
 
 # One runtime for all pipelines, for the baseline target.

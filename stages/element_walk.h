@@ -1,9 +1,11 @@
 // The flat element walk shared by every stage of every operator: erosion is
 // the smallest, dilation the greatest sample met while walking the mask.
 //
-// Only the algorithm lives here; how the loops are laid out is in
-// walk_schedule.h, so that nothing in this file changes a loop and nothing
-// in that one changes a value.
+// Only the algorithm lives here: what every walk shares, and the walks'
+// definitions, each in its own file with its schedule (walk_direct.cpp,
+// walk_taps.cpp, walk_box.cpp, walk_planes.cpp, walk_runs.cpp; see
+// walk_schedule.h).  Definitions change values and never a loop; schedules
+// lay out loops and never change a value.
 #pragma once
 
 #include "Halide.h"

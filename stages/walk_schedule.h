@@ -6,16 +6,13 @@
 // narrow image, one sample) finishes with its accumulators in registers
 // before the next one starts.
 //
-// The direct walk (element_walk) reads the padded source in place: one
-// task per row, the row cut into chunks of L lanes, loop partitioning
-// leaving the tests out of the steady chunks.  For the floating types, rows
-// of at least 16 blocks walk a block of four adjacent chunks at once instead:
-// four accumulators in registers, one test of each element byte for all
-// four, every lane still meeting the taps in the walk's own order.
-//
-// The band walks (band_walks) run one task per band of rows: the task
-// writes out the rows its band reads (and their folds) and walks blocks of
-// chunks over them.
+// Each walk of stages/walks.h has its definition and its schedule in a file
+// of its own: walk_direct.cpp (the padded source in place, one task per
+// row), walk_taps.cpp, walk_box.cpp, walk_planes.cpp and walk_runs.cpp (the
+// band walks: one task per band of rows, which writes out the rows its
+// band reads, and their folds, and walks blocks of chunks over them; what
+// they share is in band_walk.h).  schedule_stage() lays out what every
+// branch shares and gives each walk's branch to its file.
 #pragma once
 
 #include "Halide.h"
@@ -65,5 +62,10 @@ struct Branch {
 // where given, are the stage's band walks: `out` selects among them and
 // `walk` by the branch's walk (band_cases).
 void schedule_stage(Halide::Func out, Halide::Func walk, const Branch &b, const BandWalks *bands = nullptr);
+
+// The direct walk's schedule (walk_direct.cpp), in the stage `d` of `out`
+// that computes it: the whole of `out` for a stage without band walks,
+// its branch otherwise.
+void schedule_direct(Halide::Stage d, Halide::Func out, Halide::Func walk, const Branch &b);
 
 }  // namespace morph

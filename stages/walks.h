@@ -3,7 +3,8 @@
  * the one value `walk`; the pipeline's algorithm (pipelines/operators.cpp)
  * and its schedule (stages/walk_schedule.cpp) take their branches from this
  * same list, in this order, so that the two can never disagree on which
- * branch computes which walk.  C and C++ read it alike.
+ * branch computes which walk.  Each walk's definition and schedule are in
+ * its own file, stages/walk_<name>.cpp.  C and C++ read it alike.
  *
  *   DIRECT  over the padded source in place, one task per row: any call, and
  *           the only one on rows of at most one chunk (the narrow branch),

@@ -1,0 +1,84 @@
+// What the files of the band walks share (walk_taps.cpp, walk_box.cpp,
+// walk_planes.cpp, walk_runs.cpp): each walk's definition and its schedule
+// stand together in its own file, and read the stage through these two
+// structs.  band_walks() (element_walk.cpp) defines the rows every walk reads
+// and then each walk; schedule_stage() (walk_schedule.cpp) lays out the
+// bands and blocks and then hands each walk's branch to its schedule.
+#pragma once
+
+#include "Halide.h"
+
+#include <string>
+
+#include "element_walk.h"
+
+namespace morph {
+
+// What a band walk is defined from: the walk's direction, the source, the
+// mask and its runs, the element type, the stage's name, its coordinates
+// (x, y, z the stage's own; u, v, wv those of a source row) and the walk's
+// initial value.
+struct BandSite {
+    Walk w;
+    const Source &src;
+    const Strel &se;
+    const Runs &runs;
+    const Element &el;
+    std::string name;
+    Halide::Var x, y, z, u, v, wv;
+    Halide::Expr init;
+};
+
+// Where a band walk's branch is scheduled: the stage `out`, its band task
+// (`yo`), band (`yb`), row (`yi`) and block (`xo`) loops, the lanes, and the
+// test for rows narrower than a block (false for walks that do not take
+// them).
+struct BandSchedule {
+    Halide::Func out;
+    Halide::Var yo, yb, yi, xo;
+    int lanes;
+    Halide::Expr narrow;
+};
+
+// The coordinate a walk reads at offset r from its own coordinate c.
+inline Halide::Expr step(Walk w, const Halide::Expr &c, const Halide::Expr &r) {
+    return w == Walk::Erode ? c + r : c - r;
+}
+
+// A value known to lie in [-c, e - 1 - c], an offset of dimension d: the
+// entry point built it from the mask, or it is a reduction variable over
+// that range, so the walk need not clamp it.  Every read of a band walk
+// goes through this: for a mask of extent 0 (the entry point then never
+// takes a band walk, but the definitions stand) the range is empty, and the
+// reads then bound nothing beyond what the direct walk bounds.
+inline Halide::Expr offset_of(const Halide::Expr &value, const Strel &se, int d) {
+    return Halide::unsafe_promise_clamped(value, -se.centre[d], se.extent[d] - 1 - se.centre[d]);
+}
+
+// The walks' definitions (in their files) ...
+void define_taps(BandWalks &b, const BandSite &s);
+void define_box(BandWalks &b, const BandSite &s);
+void define_planes(BandWalks &b, const BandSite &s);
+void define_runs(BandWalks &b, const BandSite &s);
+
+// ... and their schedules, within the branch of their walk.
+void schedule_taps(const BandWalks &w, const BandSchedule &s);
+void schedule_box(const BandWalks &w, const BandSchedule &s);
+void schedule_planes(const BandWalks &w, const BandSchedule &s);
+void schedule_runs(const BandWalks &w, const BandSchedule &s);
+
+// Layouts the walks' schedules share (walk_schedule.cpp).
+//
+// A Func computed once per band, over every row the band reads,
+// vectorized along dimension 0, kept in the task's block.
+void ring(Halide::Func f, const BandSchedule &s);
+// A walk's update `update` over `r` computed per block of chunks of the
+// Func it is computed at, its fold over `r` outermost.
+void block_fold(Halide::Func walk, int update, const Halide::RDom &r, const BandSchedule &s);
+// A walk computed per block of chunks of `at`'s loop `xo`.
+void block_walk(Halide::Func walk, const Halide::RDom &r, Halide::Func at, const Halide::Var &xo,
+                const BandSchedule &s);
+// A ring of folds `fold`, computed block by block from `walk`.
+void folded_ring(Halide::Func fold, Halide::Func walk, const Halide::RDom &r, const BandSchedule &s);
+
+}  // namespace morph
