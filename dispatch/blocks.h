@@ -1,6 +1,6 @@
 /* The working blocks the runtime allocates for a call (blocks.c): the frame
  * brackets every run with these two, so that blocks kept for reuse while
- * calls run are cut back to a small bound when none does. */
+ * calls run are cut back to a small bound (8 MiB) when none does. */
 #ifndef TM_BLOCKS_H
 #define TM_BLOCKS_H
 
@@ -10,6 +10,8 @@ extern "C" {
 
 void tm_blocks_enter(void);
 void tm_blocks_leave(void);
+/* Gives every kept block back, unless a call runs. */
+void tm_blocks_drop(void);
 
 #ifdef __cplusplus
 }
