@@ -154,7 +154,7 @@ file(CONFIGURE OUTPUT "${TM_GEN_DIR}/exports.txt" CONTENT "${_export_list}\n" @O
 
 # Frame and dispatch, compiled once for both libraries.
 add_library(tm_frame_objects OBJECT
-            frame/frame.c frame/regions.c frame/walk_plan.c frame/handover.c frame/run.c frame/messages.c "${TM_GEN_DIR}/exports.c" "${TM_GEN_DIR}/tm_lanes.h"
+            frame/frame.c frame/regions.c frame/walk_plan.c frame/compact.c frame/handover.c frame/run.c frame/messages.c "${TM_GEN_DIR}/exports.c" "${TM_GEN_DIR}/tm_lanes.h"
             dispatch/blocks.c dispatch/par_for.cpp dispatch/load_hook.c)
 set_target_properties(tm_frame_objects PROPERTIES POSITION_INDEPENDENT_CODE ON
                       C_VISIBILITY_PRESET hidden CXX_VISIBILITY_PRESET hidden)

@@ -5,7 +5,7 @@
  * direction:
  *
  *   frame.c (checks, query) -> run.c (allocation, run) -> handover.c
- *     -> walk_plan.c -> regions.c -> entry.h
+ *     -> compact.c, walk_plan.c -> regions.c -> entry.h
  *
  * and frame.c reads regions.c for what the checks and the query compare. */
 #ifndef TM_ENTRY_H

@@ -7,6 +7,7 @@
 #include "handover.h"
 
 #include <stdbool.h>
+#include <stdlib.h>
 #include <string.h>
 
 /* The caller's coordinate of q in dimension d (before wrapping). */
@@ -107,15 +108,29 @@ int tm_hand_over(const tm_entry *e, const tm_view v[TM_NARGS], tm_plan *p, uint6
 
 void tm_hand_walk(const tm_entry *e, const tm_view v[TM_NARGS], const tm_plan *p, void *block, tm_handover *h) {
     const tm_traits *t = tm_traits_of(e->op);
+    /* The walk is chosen for the element the pipeline gets. */
+    tm_view walked[TM_NARGS];
+    memcpy(walked, v, sizeof walked);
+    if ((h->compact = tm_compact_element(e, v, p, &walked[TM_SE]))) {
+        h->se.host = h->compact;
+        for (int d = 0; d < 3; d++)
+            h->se_dim[d] = (halide_dimension_t){0, walked[TM_SE].extent[d], walked[TM_SE].stride[d], 0};
+    }
     /* A call that reads no sample of the image (it stands for all of it as
      * one sample placed aside) or none of opening's intermediate (an empty
      * window) is walked directly: its band walks would copy rows of an
      * empty domain, whose bounds the pipeline cannot size. */
     bool degenerate = p->image_dummy;
     for (int d = 0; d < 3 && t->stage; d++) degenerate |= h->call.window_extent[d] <= 0 && t->window >= 0;
-    tm_plan_walk(e, v, p->wide && !degenerate, t->stage ? h->stage_dim[0].extent : 0, &h->walk);
+    tm_plan_walk(e, walked, p->wide && !degenerate, t->stage ? h->stage_dim[0].extent : 0, &h->walk);
     h->call.walk = h->walk.walk;
     h->call.tap_runs = &h->walk.buffer;
     h->call.longest_run = h->walk.longest;
     h->stage.host = (uint8_t *)block;
+}
+
+void tm_hand_release(tm_handover *h) {
+    tm_walk_plan_release(&h->walk);
+    free(h->compact);
+    h->compact = NULL;
 }

@@ -80,7 +80,7 @@ int tm_run_pipeline(const tm_entry *e, const tm_view v[TM_NARGS]) {
         tm_hand_walk(e, v, &p, block, &h);
         advise_huge_pages(block, bytes);
         status = e->run(&h.call);
-        tm_walk_plan_release(&h.walk);
+        tm_hand_release(&h);
     }
     /* The runtime's free takes no null pointer. */
     if (block) halide_free(NULL, block);

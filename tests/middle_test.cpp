@@ -1,14 +1,17 @@
 // The frame's middle layer through its own headers: the regions a call's
 // definitions ask for (with the 32-bit wrapping they require), the
 // intermediate's box, the plan in the pipeline's coordinates and the
-// hand-over of a plan.  The whole calls are frame_test's, query_test's and
+// hand-over of a plan, with the element it hands over.  The whole calls are frame_test's, query_test's and
 // wrap_test's; these tables pin each module's answer on its own.
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <cstdlib>
 #include <cstring>
+#include <vector>
 #include <string>
 
+#include "compact.h"
 #include "handover.h"
 #include "regions.h"
 
@@ -255,5 +258,90 @@ TEST_P(HandOver, DescribesThePlanForThePipeline) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, HandOver, testing::ValuesIn(kHands), CaseName());
+
+// ---- The element handed over ----------------------------------------------
+
+// Masks by their bytes: all taps; taps only within 5 of the centre along
+// dimension 0; taps only at the two ends of each row; no tap at all (2s).
+enum class MaskKind { All, Centre, Ends, None };
+
+struct CompactCase {
+    const char *what;
+    tm_operator op;
+    Box3 im, out;
+    int32_t se[3];
+    MaskKind mask;
+    int32_t size[3];  // the compact element's extents; 0: the caller's kept
+    int taps;         // its taps
+    int32_t first_r0; // the offset along dimension 0 of its first tap
+};
+
+const CompactCase kCompacts[] = {
+    {"an element within the image's reach is kept", TM_OP_imerode, {{0, 0, 0}, {64, 80, 1}},
+     {{0, 0, 0}, {64, 80, 1}}, {31, 31, 1}, MaskKind::All, {0, 0, 0}, 0, 0},
+    {"a box far larger than the image stays a box: its live offsets and one more each side", TM_OP_imerode,
+     {{0, 0, 0}, {64, 80, 1}}, {{0, 0, 0}, {64, 80, 1}}, {401, 401, 1}, MaskKind::All, {129, 161, 1}, 129 * 161,
+     -64},
+    {"a cube on a single plane stays a box of three planes", TM_OP_imdilate, {{5, 5, 5}, {64, 80, 1}},
+     {{5, 5, 5}, {64, 80, 1}}, {15, 15, 15}, MaskKind::All, {15, 15, 3}, 15 * 15 * 3, -7},
+    {"columns on a single plane: one dead tap in the planes either side", TM_OP_imdilate, {{5, 5, 5}, {64, 80, 1}},
+     {{5, 5, 5}, {64, 80, 1}}, {15, 15, 15}, MaskKind::Centre, {15, 15, 3}, 11 * 15 + 2, -7},
+    {"an erosion reads x + r: an output ahead of the image reaches further up", TM_OP_imerode, {{0, 0, 0}, {64, 1, 1}},
+     {{-10, 0, 0}, {20, 1, 1}}, {301, 1, 1}, MaskKind::Ends, {149, 1, 1}, 2, -10},
+    {"a dilation reads x - r: the same output reaches further down", TM_OP_imdilate, {{0, 0, 0}, {64, 1, 1}},
+     {{-10, 0, 0}, {20, 1, 1}}, {301, 1, 1}, MaskKind::Ends, {149, 1, 1}, 2, -74},
+    {"no dead tap where the mask has none beyond the live offsets", TM_OP_imerode, {{0, 0, 0}, {8, 1, 1}},
+     {{0, 0, 0}, {8, 1, 1}}, {401, 1, 1}, MaskKind::Centre, {17, 1, 1}, 11, -5},
+    {"only dead taps: one each side", TM_OP_imerode, {{0, 0, 0}, {8, 3, 1}}, {{0, 0, 0}, {8, 3, 1}}, {401, 3, 1},
+     MaskKind::Ends, {17, 3, 1}, 6, -8},
+    {"an output beside the image: one tap stands for all", TM_OP_imerode, {{0, 0, 0}, {10, 10, 1}},
+     {{100, 0, 0}, {10, 10, 1}}, {5, 5, 1}, MaskKind::All, {1, 1, 1}, 1, 0},
+    {"an output beside the image, a mask without taps: none", TM_OP_imdilate, {{0, 0, 0}, {10, 10, 1}},
+     {{100, 0, 0}, {10, 10, 1}}, {5, 5, 1}, MaskKind::None, {1, 1, 1}, 0, 0},
+    {"opening: what neither the box's erosion nor the window's dilation reads", TM_OP_imopen,
+     {{0, 0, 0}, {64, 80, 1}}, {{0, 0, 0}, {64, 80, 1}}, {401, 401, 1}, MaskKind::All, {129, 161, 1}, 129 * 161,
+     -64},
+    {"closing keeps its element: its second stage reads no pad", TM_OP_imclose, {{0, 0, 0}, {64, 80, 1}},
+     {{0, 0, 0}, {64, 80, 1}}, {401, 401, 1}, MaskKind::All, {0, 0, 0}, 0, 0},
+};
+
+class Compact : public testing::TestWithParam<CompactCase> {};
+
+TEST_P(Compact, KeepsLiveTapsAndMergesDeadOnes) {
+    const CompactCase &c = GetParam();
+    Views w(c.im, c.out, c.se);
+    std::vector<uint8_t> mask(size_t(c.se[0]) * c.se[1] * c.se[2]);
+    const int32_t c0 = tm_centre(c.se[0]);
+    for (size_t i = 0; i < mask.size(); i++) {
+        const int32_t k0 = int32_t(i % size_t(c.se[0]));
+        mask[i] = c.mask == MaskKind::All      ? 1
+                  : c.mask == MaskKind::Centre ? std::abs(k0 - c0) <= 5
+                  : c.mask == MaskKind::Ends   ? k0 == 0 || k0 == c.se[0] - 1
+                                               : 2;
+    }
+    w.v[TM_SE].host = mask.data();
+    tm_plan p;
+    int status;
+    const tm_entry e = plan_call(c.op, w, p, &status);
+    ASSERT_EQ(status, 0);
+    tm_view se;
+    uint8_t *compact = tm_compact_element(&e, w.v, &p, &se);
+    if (c.size[0] == 0) {
+        EXPECT_EQ(compact, nullptr);
+        EXPECT_EQ(se.host, mask.data());
+        return;
+    }
+    ASSERT_NE(compact, nullptr);
+    EXPECT_EQ(se.host, compact);
+    int taps = 0, first_r0 = 0;
+    for (int d = 0; d < 3; d++) EXPECT_EQ(se.extent[d], c.size[d]) << "dimension " << d;
+    for (int32_t i = 0; i < c.size[0] * c.size[1] * c.size[2]; i++)
+        if (compact[i] == 1 && taps++ == 0) first_r0 = i % c.size[0] - tm_centre(c.size[0]);
+    EXPECT_EQ(taps, c.taps);
+    if (c.taps) EXPECT_EQ(first_r0, c.first_r0);
+    std::free(compact);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, Compact, testing::ValuesIn(kCompacts), CaseName());
 
 }  // namespace
