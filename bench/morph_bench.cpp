@@ -144,6 +144,11 @@ const std::vector<CaseRow> &cases() {
                          {ball("ball1", 1), ball("ball3", 3), ball("ball7", 7), ball("ball15", 15)}, erode});
         // A ball of about 2000 runs along its rows.
         r.push_back({"128x128x128", 128, 128, 128, {Type::UInt8}, {ball("ball25", 25)}, erode});
+        // Elements far larger than the image: a tile under disks of 401 and
+        // 2001, and a 2-D photo under a ball.
+        r.push_back({"64x80", 64, 80, 1, {Type::UInt8, Type::Float32}, {disk("disk401", 401), disk("disk2001", 2001)},
+                     erode});
+        r.push_back({"512x512x1", 512, 512, 1, {Type::UInt8, Type::Float32}, {ball("ball15", 15)}, erode});
         return r;
     }();
     return rows;

@@ -119,6 +119,10 @@ def targets(runs, best, threads_all):
     stages = [t(s, "uint16", vol, "ball5", best, 1) for s in ("imerode", "imdilate")]
     check("imtophat uint16 256^3 ball5 / (imerode + imdilate), 1 thread",
           quotient(t("imtophat", "uint16", vol, "ball5", best, 1), sum(stages) if None not in stages else None), 1.0)
+    # 4b. Elements far larger than the image.
+    for typ in ("uint8", "float32"):
+        for shape, element in (("64x80", "disk401"), ("64x80", "disk2001"), ("512x512x1", "ball15")):
+            against_peer("imerode", typ, shape, element, 1.0)
     # 5. Today's wins and the threads.
     for op in ("imerode", "imdilate"):
         for typ, element in (("uint8", "disk15"), ("float32", "disk15")):
