@@ -110,49 +110,38 @@ typedef struct {
     uint8_t *out;
 } compactor;
 
-/* Marks the compact element's tap at offset r if the caller's positions
- * k_lo..k_hi hold any tap (they are empty where lo > hi somewhere). */
-static void mark_if_any(const compactor *k, int64_t k_lo[3], int64_t k_hi[3], const int64_t r[3]) {
-    for (int d = 0; d < 3; d++)
-        if (k_lo[d] > k_hi[d]) return;
-    if (!any_tap(k->se, k_lo, k_hi)) return;
-    k->out[(r[0] + k->m[0].R) + k->size[0] * ((r[1] + k->m[1].R) + k->size[1] * (r[2] + k->m[2].R))] = 1;
+/* The compact element's byte at offset r. */
+static uint8_t *at(const compactor *k, const int64_t r[3]) {
+    return k->out + (r[0] + k->m[0].R) + k->size[0] * ((r[1] + k->m[1].R) + k->size[1] * (r[2] + k->m[2].R));
 }
 
-/* Positions of the caller's mask along d, from offsets: [a, b] + c. */
-static void positions(const compactor *k, int d, int64_t a, int64_t b, int64_t *k_lo, int64_t *k_hi) {
-    k_lo[d] = a + k->m[d].c;
-    k_hi[d] = b + k->m[d].c;
-}
-
-/* One live row (r1, r2): its dead samples before and after, and its live
- * taps copied. */
-static void compact_row(const compactor *k, int64_t r1, int64_t r2) {
-    const dim_map *m0 = &k->m[0];
-    int64_t k_lo[3], k_hi[3];
-    positions(k, 1, r1, r1, k_lo, k_hi);
-    positions(k, 2, r2, r2, k_lo, k_hi);
-    positions(k, 0, -m0->c, m0->lo - 1, k_lo, k_hi);
-    mark_if_any(k, k_lo, k_hi, (int64_t[3]){m0->lo - 1, r1, r2});
-    positions(k, 0, m0->hi + 1, k->e[0] - 1 - m0->c, k_lo, k_hi);
-    mark_if_any(k, k_lo, k_hi, (int64_t[3]){m0->hi + 1, r1, r2});
-    const uint8_t *row = (const uint8_t *)k->se->host + (r1 + k->m[1].c) * k->se->stride[1] +
-                         (r2 + k->m[2].c) * k->se->stride[2];
-    uint8_t *to = k->out + k->m[0].R + k->size[0] * ((r1 + k->m[1].R) + k->size[1] * (r2 + k->m[2].R));
-    for (int64_t r0 = m0->lo; r0 <= m0->hi; r0++) to[r0] = row[(r0 + m0->c) * k->se->stride[0]] == 1;
-}
-
-/* One live plane r2: its dead rows below and above, and its live rows. */
-static void compact_plane(const compactor *k, int64_t r2) {
-    const dim_map *m1 = &k->m[1];
-    int64_t k_lo[3], k_hi[3];
-    positions(k, 0, -k->m[0].c, k->e[0] - 1 - k->m[0].c, k_lo, k_hi);
-    positions(k, 2, r2, r2, k_lo, k_hi);
-    positions(k, 1, -m1->c, m1->lo - 1, k_lo, k_hi);
-    mark_if_any(k, k_lo, k_hi, (int64_t[3]){k->m[0].first, m1->lo - 1, r2});
-    positions(k, 1, m1->hi + 1, k->e[1] - 1 - m1->c, k_lo, k_hi);
-    mark_if_any(k, k_lo, k_hi, (int64_t[3]){k->m[0].first, m1->hi + 1, r2});
-    for (int64_t r1 = m1->lo; r1 <= m1->hi; r1++) compact_row(k, r1, r2);
+/* Dimension d, with the live offsets r[d + 1 ..] of the dimensions above
+ * it fixed: the caller's positions below and above its live offsets (with
+ * every position of the dimensions below d) each become one tap, at lo - 1
+ * and hi + 1 here and at the map's first offset in the dimensions below,
+ * if they hold any; each live offset recurses into dimension d - 1, and in
+ * dimension 0 a live tap is copied. */
+static void compact_dim(const compactor *k, int d, int64_t r[3]) {
+    const dim_map *m = &k->m[d];
+    int64_t k_lo[3], k_hi[3], to[3];
+    for (int i = 0; i < 3; i++) {
+        k_lo[i] = i < d ? 0 : r[i] + k->m[i].c;
+        k_hi[i] = i < d ? k->e[i] - 1 : r[i] + k->m[i].c;
+        to[i] = i < d ? k->m[i].first : r[i];
+    }
+    const int64_t dead[2][3] = {{0, m->lo - 1 + m->c, m->lo - 1}, {m->hi + 1 + m->c, k->e[d] - 1, m->hi + 1}};
+    for (int side = 0; side < 2; side++) {
+        k_lo[d] = dead[side][0], k_hi[d] = dead[side][1], to[d] = dead[side][2];
+        if (k_lo[d] <= k_hi[d] && any_tap(k->se, k_lo, k_hi)) *at(k, to) = 1;
+    }
+    for (r[d] = m->lo; r[d] <= m->hi; r[d]++) {
+        if (d > 0) {
+            compact_dim(k, d - 1, r);
+            continue;
+        }
+        k_lo[0] = k_hi[0] = r[0] + m->c;
+        *at(k, r) = any_tap(k->se, k_lo, k_hi);
+    }
 }
 
 /* A box stays a box.  The band walks fold a full box along its rows and
@@ -181,18 +170,6 @@ static bool full_box(const compactor *k) {
                 if (!any_tap(k->se, k_lo, k_hi)) return false;
             }
     return true;
-}
-
-static void compact_all(const compactor *k) {
-    const dim_map *m2 = &k->m[2];
-    int64_t k_lo[3], k_hi[3];
-    positions(k, 0, -k->m[0].c, k->e[0] - 1 - k->m[0].c, k_lo, k_hi);
-    positions(k, 1, -k->m[1].c, k->e[1] - 1 - k->m[1].c, k_lo, k_hi);
-    positions(k, 2, -m2->c, m2->lo - 1, k_lo, k_hi);
-    mark_if_any(k, k_lo, k_hi, (int64_t[3]){k->m[0].first, k->m[1].first, m2->lo - 1});
-    positions(k, 2, m2->hi + 1, k->e[2] - 1 - m2->c, k_lo, k_hi);
-    mark_if_any(k, k_lo, k_hi, (int64_t[3]){k->m[0].first, k->m[1].first, m2->hi + 1});
-    for (int64_t r2 = m2->lo; r2 <= m2->hi; r2++) compact_plane(k, r2);
 }
 
 uint8_t *tm_compact_element(const tm_entry *e, const tm_view v[TM_NARGS], const tm_plan *p, tm_view *se) {
@@ -229,7 +206,8 @@ uint8_t *tm_compact_element(const tm_entry *e, const tm_view v[TM_NARGS], const 
     } else if (full_box(&k)) {
         memset(k.out, 1, (size_t)(k.size[0] * k.size[1] * k.size[2]));
     } else {
-        compact_all(&k);
+        int64_t r[3] = {0, 0, 0};
+        compact_dim(&k, 2, r);
     }
     se->host = k.out;
     for (int d = 0; d < 3; d++) {
