@@ -49,7 +49,7 @@ set(_prototypes "")
 # exports.c calls each pipeline through the header Halide generates beside
 # it, so that an argument list that differs from the frame's call does not
 # compile.
-set(_exports_c "/* Generated from the list of entry points: one thin export per pipeline, and its adapter from the frame's call to the compiled pipeline. */\n#include <stdbool.h>\n\n#include \"frame.h\"\n#include \"tm_lanes.h\"\n\n#define TM_WINDOW(c) (c)->window_min[0], (c)->window_min[1], (c)->window_min[2], (c)->window_extent[0], (c)->window_extent[1], (c)->window_extent[2]\n#define TM_BANDS(c) (c)->walk, (c)->tap_runs, (c)->longest_run\n\n")
+set(_exports_c "/* Generated from the list of entry points: one thin export per pipeline, and its adapter from the frame's call to the compiled pipeline. */\n#include <stdbool.h>\n\n#include \"frame.h\"\n#include \"tm_lanes.h\"\n\n#define TM_WINDOW(c) (c)->window_min[0], (c)->window_min[1], (c)->window_min[2], (c)->window_extent[0], (c)->window_extent[1], (c)->window_extent[2]\n#define TM_BANDS(c) (c)->walk, (c)->tap_runs, (c)->longest_run\n#define TM_ROWS(c) (c)->out->dim[0].min, (c)->out->dim[0].extent, (c)->stage ? (c)->stage->dim[0].min : 0, (c)->stage ? (c)->stage->dim[0].extent : 0\n\n")
 set(_version "{\n  global:\n")
 foreach (op IN LISTS TM_OPERATORS)
     set(out "${TM_OUTPUT_${op}}")
@@ -89,7 +89,7 @@ foreach (op IN LISTS TM_OPERATORS)
             string(APPEND _exports_c
                    "#include \"tm_${name}.h\"\n"
                    "static int run_${name}(const tm_call *c) {\n"
-                   "    return tm_${name}(c->keyimForType, c->minmax, c->strel, c->wide != 0, TM_WINDOW(c), TM_BANDS(c), c->out${stage_pass});\n}\n"
+                   "    return tm_${name}(c->keyimForType, c->minmax, c->strel, c->wide != 0, TM_WINDOW(c), TM_BANDS(c), TM_ROWS(c), c->out${stage_pass});\n}\n"
                    "__attribute__((visibility(\"default\"))) int ${name}(halide_buffer_t *keyimForType, halide_buffer_t *minmax, halide_buffer_t *strel, halide_buffer_t *${out}) {\n"
                    "    static const tm_entry e = {TM_OP_${op}, ${code}, ${bits}, ${bytes}, TM_LANES_${t}_${l}, run_${name}};\n"
                    "    return tm_frame(&e, keyimForType, minmax, strel, ${out});\n}\n\n")
@@ -124,6 +124,10 @@ endforeach ()
 foreach (op IN LISTS TM_OPERATORS)
     foreach (t IN LISTS TM_TYPES)
         foreach (l IN LISTS TM_LEVELS)
+            # A development build of some exports lists only those.
+            if (TM_ONLY AND NOT "${op}_${t}_${l}" MATCHES "${TM_ONLY}")
+                continue()
+            endif ()
             list(APPEND _x_entries "X(${op}, ${t}, ${l})")
         endforeach ()
     endforeach ()

@@ -30,10 +30,10 @@ int main(int argc, char **argv) {
     FILE *f = std::fopen(argv[1], "w");
     if (!f) { std::perror(argv[1]); return 1; }
     std::fprintf(f, "/* Generated at build time from Halide's natural vector sizes. */\n#pragma once\n");
-    // The band walks' blocks, in chunks: the frame takes a band walk only
-    // for rows at least one block wide.
-    std::fprintf(f, "#define TM_BLOCK_CHUNKS %d\n#define TM_BAND_ROWS %d\n#define TM_RING_ROWS %d\n", morph::kBlockChunks,
-                 morph::kBandRows, morph::kRingRows);
+    // The band walks' blocks: chunks of a row, or on rows narrower than
+    // that, rows of one chunk; the rows of a band and those it may keep.
+    std::fprintf(f, "#define TM_BLOCK_CHUNKS %d\n#define TM_GROUP_ROWS %d\n#define TM_BAND_ROWS %d\n#define TM_RING_ROWS %d\n",
+                 morph::kBlockChunks, morph::kGroupRows, morph::kBandRows, morph::kRingRows);
     // The walk of runs by doubled folds: the levels it keeps; and the
     // fields of a run in the list the frame hands over.
     std::fprintf(f, "#define TM_RUN_LEVELS %d\n#if defined(TM_RUN_FIELDS) && TM_RUN_FIELDS != %d\n#error \"the frame lays runs out otherwise than the pipelines read them\"\n#endif\n",

@@ -88,17 +88,17 @@ void tm_walk_plan_release(tm_walk_plan *p) {
     p->runs = NULL;
 }
 
-/* Integer masks of long runs are walked by doubled folds: two reads a run
- * instead of one a tap, for TM_RUN_LEVELS - 1 folds of every source row
- * (and levels can cover runs of up to 2^TM_RUN_LEVELS - 1 taps).  Measured
- * on 4096-wide uint8 rows: a 15 x 15 disk (149 taps in 15 runs) 2.4 times
+/* Masks of long runs are walked by doubled folds: two reads a run instead
+ * of one a tap, for up to TM_RUN_LEVELS - 1 folds of every source row (and
+ * levels can cover runs of up to 2^TM_RUN_LEVELS - 1 taps).  Measured on
+ * 4096-wide uint8 rows: a 15 x 15 disk (149 taps in 15 runs) 2.4 times
  * faster this way; a 5 x 5 disk (13 in 5) gains nothing and keeps the tap
- * walk. */
-static int worth_runs(const tm_entry *e, const tm_walk_plan *p) {
+ * walk.  Floating rows with a NaN in reach are walked by taps all the
+ * same. */
+static int worth_runs(const tm_walk_plan *p) {
     int64_t taps = 0;
     for (int32_t i = 0; i < p->count; i++) taps += p->runs[i][1];
-    return e->code != halide_type_float && p->longest < ((int32_t)1 << TM_RUN_LEVELS) &&
-           taps >= 2 * (int64_t)p->count + 2 * TM_RUN_LEVELS;
+    return p->longest < ((int32_t)1 << TM_RUN_LEVELS) && taps >= 2 * (int64_t)p->count + 2 * TM_RUN_LEVELS;
 }
 
 /* The walk for the call; the runs listed in p on the way. */
@@ -124,7 +124,7 @@ static int32_t choose(const tm_entry *e, const tm_view v[TM_NARGS], int wide, in
      * for the list the call is walked directly. */
     const int fits = count <= TM_MAX_RUNS;
     if (fits && !list_runs(se, ext, c, count, p)) return TM_WALK_DIRECT;
-    int by_runs = fits && worth_runs(e, p);
+    int by_runs = fits && worth_runs(p);
 
     /* What a band task holds: TM_RING_ROWS rows in every plane the mask
      * reaches, a few times over (the rows, their folds), and the levels
@@ -141,10 +141,12 @@ static int32_t choose(const tm_entry *e, const tm_view v[TM_NARGS], int wide, in
      * the time of the fold; from 5 x 5 on the fold is faster). */
     if (full && e->code == halide_type_float && ext[0] * ext[1] * ext[2] <= TM_FLOAT_TAPS_BEFORE_FOLD) full = 0;
     /* Rows narrower than a block: of the band walks only those of runs take
-     * them (stages/walks.h), so a box goes by its runs there. */
-    if (full && (v[TM_OUT].extent[0] < block || (two_stage && stage_width < block))) {
-        if (!fits) return TM_WALK_DIRECT;
+     * them (stages/walks.h), so a box goes by its runs there, and floating
+     * types by taps. */
+    if (v[TM_OUT].extent[0] < block || (two_stage && stage_width < block)) {
+        if (full && !fits) return TM_WALK_DIRECT;
         full = 0;
+        if (e->code == halide_type_float) by_runs = 0;
     }
     /* Integers can fold the planes first (any grouping gives the same
      * minimum); the floating types keep the walk's grouping. */

@@ -42,16 +42,21 @@ struct StageWalk {
 };
 
 StageWalk stage_walk(Walk w, const Sources &s, const Func &padded_source, const Source &src,
-                     const std::string &name, const std::vector<Var> &at) {
+                     const std::string &name, const std::vector<Var> &at, int row) {
     StageWalk sw;
     sw.direct = element_walk(w, padded_source, s.se, s.el, name, at);
-    sw.bands = band_walks(w, src, s.se, s.runs, s.el, name, at);
+    const StageRow stage_row{s.row_min[row], s.row_extent[row], s.row_extent[row] < kBlockChunks * s.branch.lanes};
+    sw.bands = band_walks(w, src, s.se, s.runs, s.el, name, at, stage_row);
     const Var &x = at[0], &y = at[1], &z = at[2];
-    // The schedule branches on the same value, so in each branch the
-    // selects fold to the branch's own walk.
+    // The schedule branches on the same values, so in each branch the
+    // selects fold to the branch's own walk and rows.
     Expr v = sw.direct(x, y, z);
-    for (const auto &c : band_cases(sw.bands))
-        if (c.second.defined()) v = select(s.branch.takes(c.first), c.second(x, y, z), v);
+    for (const BandCase &c : band_cases(sw.bands)) {
+        if (!c.wide.defined()) continue;
+        Expr walked = c.wide(x, y, z);
+        if (c.narrow.defined()) walked = select(stage_row.narrow, c.narrow(x, y, z), walked);
+        v = select(s.branch.takes(c.walk), walked, v);
+    }
     sw.value = v;
     return sw;
 }
@@ -64,7 +69,7 @@ void finish_stage(StageWalk &sw, const Sources &s, Func of) { schedule_stage(of,
 // and the pipeline's own checks confirm that it covers it.
 Func stored_stage(Walk w, const Sources &s, const Expr &pad, Func stage) {
     const std::vector<Var> &at = image_vars();
-    StageWalk sw = stage_walk(w, s, padded_image(s, pad), image_source(s, pad), stage.name() + "_chunk", at);
+    StageWalk sw = stage_walk(w, s, padded_image(s, pad), image_source(s, pad), stage.name() + "_chunk", at, 1);
     stage(at[0], at[1], at[2]) = sw.value;
     finish_stage(sw, s, stage);
     return stage;
@@ -93,7 +98,7 @@ StageWalk opening_walk(const Sources &s, Func stage) {
         src.extent[d] = max(last - first + 1, 0);
     }
     src.pad = lo;
-    return stage_walk(Walk::Dilate, s, q, src, "imdilate", output_vars());
+    return stage_walk(Walk::Dilate, s, q, src, "imdilate", output_vars(), 0);
 }
 
 // Closing's intermediate reaches as far as stage 2 reads, unclipped, so the
@@ -107,7 +112,7 @@ StageWalk closing_walk(const Sources &s, Func stage) {
         src.min[d] = imdilate.output_buffer().dim(d).min();
         src.extent[d] = imdilate.output_buffer().dim(d).extent();
     }
-    return stage_walk(Walk::Erode, s, imdilate, src, "imerode", output_vars());
+    return stage_walk(Walk::Erode, s, imdilate, src, "imerode", output_vars(), 0);
 }
 
 }  // namespace
@@ -119,12 +124,12 @@ void build(Op op, const Sources &s, Func out, Func stage) {
     switch (op) {
     case Op::Erode: {
         Expr pad = pad_cast(s.upper, s.el);
-        sw = stage_walk(Walk::Erode, s, padded_image(s, pad), image_source(s, pad), "imerode", xyz);
+        sw = stage_walk(Walk::Erode, s, padded_image(s, pad), image_source(s, pad), "imerode", xyz, 0);
         break;
     }
     case Op::Dilate: {
         Expr pad = pad_cast(s.lower, s.el);
-        sw = stage_walk(Walk::Dilate, s, padded_image(s, pad), image_source(s, pad), "imdilate", xyz);
+        sw = stage_walk(Walk::Dilate, s, padded_image(s, pad), image_source(s, pad), "imdilate", xyz, 0);
         break;
     }
     case Op::Open:

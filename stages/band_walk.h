@@ -27,17 +27,16 @@ struct BandSite {
     std::string name;
     Halide::Var x, y, z, u, v, wv;
     Halide::Expr init;
+    const StageRow &row;
 };
 
 // Where a band walk's branch is scheduled: the stage `out`, its band task
-// (`yo`), band (`yb`), row (`yi`) and block (`xo`) loops, the lanes, and the
-// test for rows narrower than a block (false for walks that do not take
-// them).
+// (`yo`), band (`yb`), row (`yi`; on rows narrower than a block, the group
+// of rows) and block (`xo`) loops, and the lanes.
 struct BandSchedule {
     Halide::Func out;
     Halide::Var yo, yb, yi, xo;
     int lanes;
-    Halide::Expr narrow;
 };
 
 // The coordinate a walk reads at offset r from its own coordinate c.
@@ -54,6 +53,31 @@ inline Halide::Expr step(Walk w, const Halide::Expr &c, const Halide::Expr &r) {
 inline Halide::Expr offset_of(const Halide::Expr &value, const Strel &se, int d) {
     return Halide::unsafe_promise_clamped(value, -se.centre[d], se.extent[d] - 1 - se.centre[d]);
 }
+
+// The source row a walk reads at offset r from its own row y.  A walk on
+// rows narrower than a block computes whole groups of rows, the last group
+// of a stage past its last row as well; those rows are never stored, and
+// for a source without pad (which holds nothing beyond its domain) their
+// reads are kept to the domain.
+inline Halide::Expr source_row(const BandSite &s, const Halide::Expr &r) {
+    Halide::Expr v = step(s.w, s.y, r);
+    if (s.src.pad.defined()) return v;
+    const Halide::Expr last = s.src.min[1] + s.src.extent[1] - 1;
+    return Halide::unsafe_promise_clamped(Halide::min(Halide::likely(v), last), s.src.min[1], last);
+}
+
+// Writes a source's rows into `f` at the coordinates (u, v, wv, more...):
+// first the pad everywhere, then the part inside the domain copied over it,
+// row by row over the returned domain.
+Halide::RDom write_rows(const Source &src, Halide::Func f, const std::vector<Halide::Expr> &more,
+                        const Halide::Var &u, const Halide::Var &v, const Halide::Var &wv, const std::string &name);
+
+// The mask's taps as a reduction domain over its runs (t.y the run, t.x the
+// tap in it), in the walk's order, and the source sample a tap reads: the
+// tap walk, and the fallback of the walks that fold for floating rows with
+// a NaN in reach; `rows` are the source's rows as the band wrote them out.
+Halide::RDom tap_domain(const BandSite &s, const std::string &name);
+Halide::Expr tap_sample(const Halide::Func &rows, const BandSite &s, const Halide::RDom &t);
 
 // The walks' definitions (in their files) ...
 void define_taps(BandWalks &b, const BandSite &s);
@@ -78,6 +102,9 @@ void block_fold(Halide::Func walk, int update, const Halide::RDom &r, const Band
 // A walk computed per block of chunks of `at`'s loop `xo`.
 void block_walk(Halide::Func walk, const Halide::RDom &r, Halide::Func at, const Halide::Var &xo,
                 const BandSchedule &s);
+// A walk on rows narrower than a block, computed per block of one chunk of
+// kGroupRows rows of the stage (its loop `xo`).
+void rows_walk(Halide::Func walk, const Halide::RDom &r, const BandSchedule &s);
 // A ring of folds `fold`, computed block by block from `walk`.
 void folded_ring(Halide::Func fold, Halide::Func walk, const Halide::RDom &r, const BandSchedule &s);
 

@@ -107,16 +107,93 @@ Expr combine(Walk w, const Expr &acc, const Expr &s, const Element &el) {
 
 namespace morph {
 
-std::vector<std::pair<tm_walk, Func>> band_cases(const BandWalks &b) {
-    return {{TM_WALK_TAPS, b.taps}, {TM_WALK_BOX, b.box}, {TM_WALK_PLANES, b.plane_box}, {TM_WALK_RUNS, b.runs_walk}};
+RDom write_rows(const Source &src, Func f, const std::vector<Expr> &more, const Var &u, const Var &v, const Var &wv,
+                const std::string &name) {
+    std::vector<Expr> at = {u, v, wv};
+    at.insert(at.end(), more.begin(), more.end());
+    f(at) = src.pad;
+    Expr last[3];
+    for (int d = 0; d < 3; d++) last[d] = src.min[d] + src.extent[d] - 1;
+    RDom copy(src.min[0], src.extent[0], name);
+    copy.where(v >= src.min[1] && v <= last[1] && wv >= src.min[2] && wv <= last[2]);
+    // The row and plane are inside whenever the copy runs; the promise
+    // tells the bounds so (and bounds nothing for an empty domain).
+    Expr cv = unsafe_promise_clamped(v, src.min[1], last[1]);
+    Expr cw = unsafe_promise_clamped(wv, src.min[2], last[2]);
+    at[0] = copy.x;
+    f(at) = src.f(copy.x, cv, cw);
+    return copy;
+}
+
+RDom tap_domain(const BandSite &s, const std::string &name) {
+    RDom t(0, s.runs.longest, 0, s.runs.count, name);
+    t.where(t.x < s.runs.list(1, t.y));
+    return t;
+}
+
+Expr tap_sample(const Func &rows, const BandSite &s, const RDom &t) {
+    Expr r0 = offset_of(s.runs.list(0, t.y) + t.x, s.se, 0);
+    Expr r1 = offset_of(s.runs.list(2, t.y), s.se, 1), r2 = offset_of(s.runs.list(3, t.y), s.se, 2);
+    return rows(step(s.w, s.x, r0), source_row(s, r1), step(s.w, s.z, r2));
+}
+
+namespace {
+
+// The source rows that hold a NaN, inside the domain, and the output rows
+// whose mask's box reaches one of them or the pad, where that is NaN.  A
+// walk that folds groups of samples gives the walk's own result only where
+// no NaN is in reach: a NaN wipes out what the walk met before it.
+void define_nan_rows(BandWalks &b, const BandSite &s) {
+    const Source &src = s.src;
+    const Var &v = s.v, &wv = s.wv;
+    Expr last[3];
+    for (int d = 0; d < 3; d++) last[d] = src.min[d] + src.extent[d] - 1;
+    // First per lane of kNanLanes: lane i looks at the samples i, i + kNanLanes,
+    // ..., so that the test of a row is a few vector operations per vector
+    // of samples (the last group repeats the row's last sample).  A NaN is a
+    // sample whose bits, sign aside, lie above those of the infinity.
+    const Type bits = UInt(s.el.storage.bits());
+    const Expr inf = s.el.storage.bits() == 32 ? Expr(uint32_t(0x7f800000)) : Expr(uint64_t(0x7ff0000000000000ull));
+    const Expr magnitude = s.el.storage.bits() == 32 ? Expr(uint32_t(0x7fffffff)) : Expr(uint64_t(0x7fffffffffffffffull));
+    Var i("i");
+    b.nan_lanes = Func(s.name + "_nan_lanes");
+    b.nan_r = RDom(0, (src.extent[0] + kNanLanes - 1) / kNanLanes, s.name + "_nan");
+    b.nan_r.where(v >= src.min[1] && v <= last[1] && wv >= src.min[2] && wv <= last[2]);
+    Expr at = src.min[0] + min(b.nan_r.x * kNanLanes + i, src.extent[0] - 1);
+    Expr sample = src.f(unsafe_promise_clamped(at, src.min[0], last[0]), unsafe_promise_clamped(v, src.min[1], last[1]),
+                        unsafe_promise_clamped(wv, src.min[2], last[2]));
+    Expr nan = (reinterpret(bits, sample) & magnitude) > inf;
+    b.nan_lanes(i, v, wv) = cast(bits, 0);
+    b.nan_lanes(i, v, wv) = b.nan_lanes(i, v, wv) | select(nan, cast(bits, 1), cast(bits, 0));
+    b.nan_lane_r = RDom(0, kNanLanes, s.name + "_nan_lane");
+    b.row_nan = Func(s.name + "_row_nan");
+    b.row_nan(v, wv) = cast<uint8_t>(0);
+    b.row_nan(v, wv) = max(b.row_nan(v, wv), cast<uint8_t>(b.nan_lanes(b.nan_lane_r.x, v, wv)));
+    const Strel &se = s.se;
+    const Var &y = s.y, &z = s.z;
+    b.dirty_r = RDom(-se.centre[1], se.extent[1], -se.centre[2], se.extent[2], s.name + "_dirty_rows");
+    Expr hy = step(s.w, y, offset_of(b.dirty_r.x, se, 1)), hz = step(s.w, z, offset_of(b.dirty_r.y, se, 2));
+    b.dirty = Func(s.name + "_dirty");
+    b.dirty(y, z) = src.pad.defined() ? select(is_nan(src.pad), cast<uint8_t>(1), cast<uint8_t>(0)) : cast<uint8_t>(0);
+    b.dirty(y, z) = max(b.dirty(y, z), b.row_nan(hy, hz));
+}
+
+}  // namespace
+
+std::vector<BandCase> band_cases(const BandWalks &b) {
+    return {{TM_WALK_TAPS, b.taps, b.taps_rows},
+            {TM_WALK_BOX, b.box, Func()},
+            {TM_WALK_PLANES, b.plane_box, Func()},
+            {TM_WALK_RUNS, b.runs_walk, b.runs_rows}};
 }
 
 BandWalks band_walks(Walk w, const Source &src, const Strel &se, const Runs &runs, const Element &el,
-                     const std::string &name, const std::vector<Var> &at) {
+                     const std::string &name, const std::vector<Var> &at, const StageRow &row) {
     const Var &x = at[0], &y = at[1], &z = at[2];
     Var u("u"), v("v"), wv("w");
     const Expr init = w == Walk::Erode ? el.greatest() : el.least();
     BandWalks b;
+    b.row = row;
 
     // The rows, with the pad written out.  Every sample that the walk reads
     // is either the pad (outside the domain in some dimension) or the
@@ -126,28 +203,17 @@ BandWalks band_walks(Walk w, const Source &src, const Strel &se, const Runs &run
     } else {
         b.copied = true;
         b.rows = Func(name + "_rows");
-        b.rows(u, v, wv) = src.pad;
-        Expr last[3];
-        for (int d = 0; d < 3; d++) last[d] = src.min[d] + src.extent[d] - 1;
-        b.copy = RDom(src.min[0], src.extent[0], name + "_copy");
-        b.copy.where(v >= src.min[1] && v <= last[1] && wv >= src.min[2] && wv <= last[2]);
-        // The row and plane are inside whenever the copy runs; the promise
-        // tells the bounds so (and bounds nothing for an empty domain).
-        Expr cv = unsafe_promise_clamped(v, src.min[1], last[1]);
-        Expr cw = unsafe_promise_clamped(wv, src.min[2], last[2]);
-        b.rows(b.copy.x, v, wv) = src.f(b.copy.x, cv, cw);
+        b.copy = write_rows(src, b.rows, {}, u, v, wv, name + "_copy");
     }
 
     // Every walk of the stage, each from its own file; the floating types
-    // have neither the box planes first nor the doubled folds (their ties
-    // would show the grouping).
-    const BandSite site{w, src, se, runs, el, name, x, y, z, u, v, wv, init};
+    // have no box planes first (their ties would show the grouping).
+    const BandSite site{w, src, se, runs, el, name, x, y, z, u, v, wv, init, b.row};
+    if (el.is_float()) define_nan_rows(b, site);
     define_taps(b, site);
     define_box(b, site);
-    if (!el.is_float()) {
-        define_planes(b, site);
-        define_runs(b, site);
-    }
+    define_runs(b, site);
+    if (!el.is_float()) define_planes(b, site);
     return b;
 }
 

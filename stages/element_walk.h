@@ -112,57 +112,86 @@ struct Runs {
 // The fields of one run in that list: first r0, length, r1, r2.
 constexpr int kRunFields = 4;
 
+// Lanes of the NaN test of a source row: a multiple of every lane count.
+constexpr int kNanLanes = 64;
+
 // Levels of doubled folds kept per source row: folds of 1, 2, 4, ..., 32
 // samples, enough for runs of up to 63 taps (disks up to radius 31).
 constexpr int kRunLevels = 6;
 
+// The stage's own row in dimension 0, as the entry point describes the
+// buffer it writes, and whether it is narrower than a block of chunks:
+// such rows are walked by other Funcs (the `*_rows` forms below), a block
+// then being one chunk of several rows.
+struct StageRow {
+    Halide::Expr min, extent;
+    Halide::Expr narrow;
+};
+
 // Every Func and reduction domain of one stage's band walks, for the
 // schedule.  Forms a type cannot use stay undefined.
 struct BandWalks {
+    StageRow row;
     // The source's rows over the reach of the band, the pad written out:
     // first the whole row is the pad, then the part inside the domain is
     // copied over it (`copy`).  The source itself when it has no pad.
     Halide::Func rows;
     Halide::RDom copy;
     bool copied = false;
-    // Any mask: the walk over the runs, tap by tap, from `rows`.
-    Halide::Func taps;
-    Halide::RDom taps_r;
+    // Any mask: the walk over the runs, tap by tap, from `rows`; on rows
+    // narrower than a block, `taps_rows`.
+    Halide::Func taps, taps_rows;
+    Halide::RDom taps_r, taps_rows_r;
+    // Floating types: the source rows that hold a NaN (`row_nan`, over the
+    // lanes `nan_lane_r` of `nan_lanes`, each over `nan_r`) and the output rows with a NaN in reach (`dirty`, over the
+    // rows and planes of the mask's box `dirty_r`, or where the pad is
+    // NaN).  The walks that fold walk such rows by taps instead.
+    Halide::Func nan_lanes, row_nan, dirty;
+    Halide::RDom nan_r, nan_lane_r, dirty_r;
     // A mask of ones filling its box: each source row folded along the
     // box's run (`row_walk` over `row_r`, kept in `row_fold`), then the
-    // folds of the box's rows and planes (`box`, over `box_r`).  Floating
-    // types: an output row with a NaN in reach (`dirty`, from the source
-    // rows' `row_nan` over `nan_r`) walks the box by taps instead (the
-    // box's second update, over `box_taps_r`).
+    // folds of the box's rows and planes (`box`, over `box_r`; floating
+    // rows with a NaN in reach by taps, the box's second update over
+    // `box_taps_r`).
     Halide::Func row_walk, row_fold, box;
-    Halide::RDom row_r, box_r;
-    Halide::Func row_nan, dirty;
-    Halide::RDom nan_r, box_taps_r;
+    Halide::RDom row_r, box_r, box_taps_r;
     // The same for integer types, planes first: the planes a plane of the
     // output reads folded into one (`plane_fold`), then its rows
     // (`plane_row_fold`), then the rows' folds.
     Halide::Func plane_walk, plane_fold, plane_row_walk, plane_row_fold, plane_box;
     Halide::RDom plane_r, plane_row_r, plane_box_r;
-    // Integer types, any mask whose runs are long: each source row folded
-    // over 2^k samples for every level k (`levels[k]`, level k from level
-    // k - 1, level 0 the rows), then each run met as the two folds of 2^k
-    // samples that start at its two ends (`runs_walk`, one update per
-    // level, over `runs_r[k]`).
-    std::vector<Halide::Func> levels;
-    Halide::Func runs_walk;
-    std::vector<Halide::RDom> runs_r;
+    // Any mask whose runs are long: each source row folded over 2^k
+    // samples for every level k (`levels`, whose last coordinate is k:
+    // level 0 the source's rows written out as `rows` are, level k an update
+    // over `level_r[k - 1]` from level k - 1), then each run met as the two folds of 2^k samples that start
+    // at its two ends (`runs_walk` over `runs_r`; on rows narrower than a
+    // block `runs_rows` over `runs_rows_r`, integer types only).  Floating
+    // rows with a NaN in reach go by taps (the second update of
+    // `runs_walk`, over `runs_taps_r`).
+    Halide::Func levels;
+    Halide::RDom level_copy;  // level 0, where the source has a pad
+    std::vector<Halide::RDom> level_r;
+    Halide::Func runs_walk, runs_rows;
+    Halide::RDom runs_r, runs_rows_r, runs_taps_r;
 };
 
-// The band walks of a stage in the order of walks.h, each with the Func
-// that computes it (undefined where the element type has no such walk).
-// The algorithm selects among them and the schedule branches on them from
-// this one list.
-std::vector<std::pair<tm_walk, Halide::Func>> band_cases(const BandWalks &b);
+// One band walk of a stage: the Func that computes it, and the one that
+// computes it on rows narrower than a block (undefined where the walk
+// does not take such rows).
+struct BandCase {
+    tm_walk walk;
+    Halide::Func wide, narrow;
+};
+
+// The band walks of a stage in the order of walks.h (undefined where the
+// element type has no such walk).  The algorithm selects among them and
+// the schedule branches on them from this one list.
+std::vector<BandCase> band_cases(const BandWalks &b);
 
 // Builds the band walks of one stage.  The rows copy the source's whole
 // domain in dimension 0: the entry point cuts the image (and opening's
 // window) to what the call reads.
 BandWalks band_walks(Walk w, const Source &src, const Strel &se, const Runs &runs, const Element &el,
-                     const std::string &name, const std::vector<Halide::Var> &at);
+                     const std::string &name, const std::vector<Halide::Var> &at, const StageRow &row);
 
 }  // namespace morph

@@ -24,40 +24,19 @@ namespace morph {
 
 namespace {
 
-// The floating box: the NaN tests, and the fold of the rows' folds for the
-// rows without NaN in reach, the taps for the others.
+// The floating box: the fold of the rows' folds for the rows without NaN
+// in reach, the taps for the others.
 void define_float_box(BandWalks &b, const BandSite &s) {
-    const Source &src = s.src;
     const Strel &se = s.se;
-    const Runs &runs = s.runs;
-    const Var &y = s.y, &z = s.z, &v = s.v, &wv = s.wv;
-    // The source rows that hold a NaN, inside the domain.
-    Expr last[3];
-    for (int d = 0; d < 3; d++) last[d] = src.min[d] + src.extent[d] - 1;
-    b.row_nan = Func(s.name + "_row_nan");
-    b.nan_r = RDom(src.min[0], src.extent[0], s.name + "_nan");
-    b.nan_r.where(v >= src.min[1] && v <= last[1] && wv >= src.min[2] && wv <= last[2]);
-    Expr sample = src.f(b.nan_r.x, unsafe_promise_clamped(v, src.min[1], last[1]),
-                        unsafe_promise_clamped(wv, src.min[2], last[2]));
-    b.row_nan(v, wv) = cast<uint8_t>(0);
-    b.row_nan(v, wv) = max(b.row_nan(v, wv), select(is_nan(sample), cast<uint8_t>(1), cast<uint8_t>(0)));
-    Expr hx = step(s.w, y, offset_of(b.box_r.x, se, 1)), hz = step(s.w, z, offset_of(b.box_r.y, se, 2));
-    b.dirty = Func(s.name + "_dirty");
-    b.dirty(y, z) = src.pad.defined() ? select(is_nan(src.pad), cast<uint8_t>(1), cast<uint8_t>(0)) : cast<uint8_t>(0);
-    b.dirty(y, z) = max(b.dirty(y, z), b.row_nan(hx, hz));
-
+    const Var &y = s.y, &z = s.z;
     RDom fast(-se.centre[1], se.extent[1], -se.centre[2], se.extent[2], s.name + "_box_fold");
     fast.where(b.dirty(y, z) == 0);
     Expr fhx = step(s.w, y, offset_of(fast.x, se, 1)), fhz = step(s.w, z, offset_of(fast.y, se, 2));
     b.box(s.x, y, z) = combine(s.w, b.box(s.x, y, z), b.row_fold(s.x, fhx, fhz), s.el);
     // By taps: the runs are the box's rows.
-    RDom slow(0, runs.longest, 0, runs.count, s.name + "_box_tap");
-    slow.where(slow.x < runs.list(1, slow.y));
+    RDom slow = tap_domain(s, s.name + "_box_tap");
     slow.where(b.dirty(y, z) != 0);
-    Expr s0 = offset_of(runs.list(0, slow.y) + slow.x, se, 0);
-    Expr s1 = offset_of(runs.list(2, slow.y), se, 1), s2 = offset_of(runs.list(3, slow.y), se, 2);
-    b.box(s.x, y, z) =
-        combine(s.w, b.box(s.x, y, z), b.rows(step(s.w, s.x, s0), step(s.w, y, s1), step(s.w, z, s2)), s.el);
+    b.box(s.x, y, z) = combine(s.w, b.box(s.x, y, z), tap_sample(b.rows, s, slow), s.el);
     b.box_r = fast;
     b.box_taps_r = slow;
 }
@@ -89,15 +68,8 @@ void define_box(BandWalks &b, const BandSite &s) {
 void schedule_box(const BandWalks &w, const BandSchedule &s) {
     folded_ring(w.row_fold, w.row_walk, w.row_r, s);
     block_walk(w.box, w.box_r, s.out, s.xo, s);
-    if (!w.dirty.defined()) return;
-    // The NaN tests: per source row, once per band, as a vector of lanes
-    // folded at the end; per output row, over the rows it reads.  The rows
-    // a NaN sends back to the taps walk them in blocks like the rest.
-    Func row_nan = w.row_nan, dirty = w.dirty;
-    row_nan.compute_at(s.out, s.yb);
-    row_nan.update().atomic().vectorize(w.nan_r.x, s.lanes);
-    dirty.compute_at(s.out, s.yi);
-    block_fold(w.box, 1, w.box_taps_r, s);
+    // The rows a NaN sends back to the taps walk them in blocks like the rest.
+    if (w.dirty.defined()) block_fold(w.box, 1, w.box_taps_r, s);
 }
 
 }  // namespace morph

@@ -1,79 +1,135 @@
-// RUNS: the band walk of integer masks of long runs, by doubled folds.
-// Level k of a source row holds at u the fold of the 2^k samples
-// u .. u + 2^k - 1; level k is two blocks of level k - 1 side by side.  A
-// run of length l meets the samples of r0 in [a, a + l - 1]; with
-// 2^k <= l < 2^(k+1) the two blocks of 2^k taps [a, a + 2^k - 1] and
-// [a + l - 2^k, a + l - 1] cover it, overlapping in the middle.  On integers
-// min and max are associative, commutative and idempotent, so neither the
-// samples met twice nor the order in which the taps are met can show: the
-// fold of the two blocks is the fold of the run, and the runs may meet in
-// any order: each level's runs (2^k to 2^(k+1) - 1 taps) are one update
-// reading that level.
+// RUNS: the band walk of masks of long runs, by doubled folds.  Level k of
+// a source row holds at u the fold of the 2^k samples u .. u + 2^k - 1;
+// level k is two blocks of level k - 1 side by side.  A run of length l
+// meets the samples of r0 in [a, a + l - 1]; with 2^k <= l < 2^(k+1) the
+// two blocks of 2^k taps [a, a + 2^k - 1] and [a + l - 2^k, a + l - 1]
+// cover it, overlapping in the middle.
 //
-// A level reaches 2^k - 1 samples beyond the block's first one.  The blocks
-// the walk reads lie inside their runs, so that reach never passes the last
-// sample the walk itself reads; but bounds inference cannot see it, and the
-// levels are computed in whole vectors past the last sample needed.  A
-// source without pad (closing's intermediate, read as it is) holds nothing
-// beyond its domain, so the levels' reads are kept to the domain: the
-// samples so changed belong to blocks that no run reads.
+// Every fold keeps the walk's own order: a level puts the half the walk
+// meets first as the accumulator, each run folds its two blocks in the
+// walk's order, and the runs are met one by one in the list's order.  A
+// fold of a group of samples gives the sample the walk would keep of them
+// (the least, and of equal ones the one met last), so on integers, bool
+// and floating values without NaN the overlap cannot show and the runs
+// give exactly the walk's result, -0 against +0 included.
+//
+// The levels are one Func whose last coordinate is the level, so that one
+// update over the runs reads each run's level by its length.  Level k is
+// an update of its own over the samples of the stage's row that any run
+// reads (its first sample and width are the entry point's, which describes
+// the buffer the stage writes); its reads of level k - 1 reach 2^(k-1)
+// samples further, into samples no run reads: a run of length l reads
+// level k only where the whole block lies inside the run.  Levels above the
+// longest run's are not computed.
 #include "band_walk.h"
 
 using namespace Halide;
 
 namespace morph {
 
+namespace {
+
+// Every level's samples are computed in whole vectors of any lane count.
+constexpr int kLevelAlign = 64;
+static_assert(kLevelAlign % 32 == 0, "a multiple of the widest vector of bytes");
+
+// The walk over the runs: for floating types only on rows without NaN in
+// reach (`clean`).
+Func runs_walk(const BandWalks &b, const BandSite &s, const std::string &name, RDom &g, const Expr &clean) {
+    const Runs &runs = s.runs;
+    g = RDom(0, runs.count, name + "_run");
+    if (clean.defined()) g.where(clean);
+    Expr a = runs.list(0, g.x), l = runs.list(1, g.x);
+    Expr k = unsafe_promise_clamped(31 - count_leading_zeros(max(l, 1)), 0, kRunLevels - 1);
+    Expr p = 1 << k;
+    // The offsets r0 of the two blocks' first samples in source order:
+    // erosion reads x + r0, so a block starts at its least r0; dilation
+    // reads x - r0, so at its greatest.
+    Expr q1 = s.w == Walk::Erode ? a : a + (p - 1);
+    Expr q2 = s.w == Walk::Erode ? a + l - p : a + l - 1;
+    Expr ry = source_row(s, offset_of(runs.list(2, g.x), s.se, 1));
+    Expr rz = step(s.w, s.z, offset_of(runs.list(3, g.x), s.se, 2));
+    Expr first = b.levels(step(s.w, s.x, offset_of(q1, s.se, 0)), ry, rz, k);
+    Expr second = b.levels(step(s.w, s.x, offset_of(q2, s.se, 0)), ry, rz, k);
+    Func f(name);
+    f(s.x, s.y, s.z) = s.init;
+    f(s.x, s.y, s.z) = combine(s.w, f(s.x, s.y, s.z), combine(s.w, first, second, s.el), s.el);
+    return f;
+}
+
+}  // namespace
+
 void define_runs(BandWalks &b, const BandSite &s) {
     const Source &src = s.src;
-    const Runs &runs = s.runs;
+    const Strel &se = s.se;
     const Var &u = s.u, &v = s.v, &wv = s.wv;
-    b.levels.push_back(b.rows);
-    const Expr last0 = src.min[0] + src.extent[0] - 1;
+    Var k("k");
+    b.levels = Func(s.name + "_levels");
+    b.levels(u, v, wv, k) = undef(s.el.storage);
+    // Level 0: the rows, written out as the other walks' rows are (with the
+    // pad), so that the walk needs no copy of them.  A source without pad
+    // is read as it is; it holds nothing beyond its domain, where the
+    // levels' whole vectors reach, so those reads are kept to the domain
+    // (the samples so changed belong to blocks no run reads).
+    if (src.pad.defined()) {
+        b.level_copy = write_rows(src, b.levels, {0}, u, v, wv, s.name + "_level_copy");
+    } else {
+        const Expr last0 = src.min[0] + src.extent[0] - 1;
+        b.levels(u, v, wv, 0) = src.f(unsafe_promise_clamped(min(likely(u), last0), src.min[0], last0), v, wv);
+    }
+    // The samples the runs read: the row's reach before its first sample,
+    // in source order, and the row and the mask's extent.
+    Expr before = s.w == Walk::Erode ? se.centre[0] : se.extent[0] - 1 - se.centre[0];
+    Expr first = s.row.min - before;
+    Expr count = (s.row.extent + se.extent[0] - 1 + kLevelAlign - 1) / kLevelAlign * kLevelAlign;
+    Expr top = 31 - count_leading_zeros(max(s.runs.longest, 1));
     for (int level = 1; level < kRunLevels; level++) {
-        const Func &prev = b.levels.back();
-        Func f(s.name + "_level" + std::to_string(level));
-        Expr near = u, far = u + (1 << (level - 1));
-        // (`likely`: loop partitioning then leaves the test out of all but
-        // the last vectors.  The promise tells bounds inference the domain,
-        // which is empty, and then bounds nothing, where the element has
-        // extent 0 and no band walk runs.)
-        if (!src.pad.defined()) {
-            near = unsafe_promise_clamped(min(likely(near), last0), src.min[0], last0);
-            far = unsafe_promise_clamped(min(likely(far), last0), src.min[0], last0);
-        }
-        f(u, v, wv) = combine(s.w, prev(near, v, wv), prev(far, v, wv), s.el);
-        b.levels.push_back(f);
+        RDom r(0, kLevelAlign, 0, count / kLevelAlign, s.name + "_level" + std::to_string(level));
+        r.where(level <= top);
+        const Expr at = first + r.y * kLevelAlign + r.x;
+        const Expr lo = b.levels(at, v, wv, level - 1), hi = b.levels(at + (1 << (level - 1)), v, wv, level - 1);
+        // Erosion meets lower u first, dilation higher u.
+        b.levels(at, v, wv, level) = s.w == Walk::Erode ? combine(s.w, lo, hi, s.el) : combine(s.w, hi, lo, s.el);
+        b.level_r.push_back(r);
     }
-    b.runs_walk = Func(s.name + "_runs");
-    b.runs_walk(s.x, s.y, s.z) = s.init;
-    for (int level = 0; level < kRunLevels; level++) {
-        const int p = 1 << level;
-        RDom g(0, runs.count, s.name + "_run" + std::to_string(level));
-        Expr t = g.x;
-        Expr a = runs.list(0, t), l = runs.list(1, t);
-        g.where(l >= p && l < 2 * p);
-        // The offsets r0 of the two blocks' first samples in source order:
-        // erosion reads x + r0, so a block starts at its least r0; dilation
-        // reads x - r0, so at its greatest.
-        Expr q1 = s.w == Walk::Erode ? a : a + (p - 1);
-        Expr q2 = s.w == Walk::Erode ? a + l - p : a + l - 1;
-        Expr ry = step(s.w, s.y, offset_of(runs.list(2, t), s.se, 1));
-        Expr rz = step(s.w, s.z, offset_of(runs.list(3, t), s.se, 2));
-        const Func &lf = b.levels[level];
-        Expr s1 = lf(step(s.w, s.x, offset_of(q1, s.se, 0)), ry, rz);
-        Expr s2 = lf(step(s.w, s.x, offset_of(q2, s.se, 0)), ry, rz);
-        b.runs_walk(s.x, s.y, s.z) = combine(s.w, b.runs_walk(s.x, s.y, s.z), combine(s.w, s1, s2, s.el), s.el);
-        b.runs_r.push_back(g);
+    if (!s.el.is_float()) {
+        b.runs_walk = runs_walk(b, s, s.name + "_runs", b.runs_r, Expr());
+        b.runs_rows = runs_walk(b, s, s.name + "_runs_rows", b.runs_rows_r, Expr());
+        return;
     }
+    // Floating rows with a NaN in reach walk the taps.  (Rows narrower than
+    // a block are walked by taps altogether: their blocks are groups of
+    // rows, which a test per row would split.)
+    b.runs_walk = runs_walk(b, s, s.name + "_runs", b.runs_r, b.dirty(s.y, s.z) == 0);
+    b.runs_taps_r = tap_domain(s, s.name + "_runs_tap");
+    b.runs_taps_r.where(b.dirty(s.y, s.z) != 0);
+    Func level0(s.name + "_level0");
+    level0(u, v, wv) = b.levels(u, v, wv, 0);
+    b.runs_walk(s.x, s.y, s.z) = combine(s.w, b.runs_walk(s.x, s.y, s.z), tap_sample(level0, s, b.runs_taps_r), s.el);
 }
 
 void schedule_runs(const BandWalks &w, const BandSchedule &s) {
-    // The levels of every source row the band reads, kept in the ring like
-    // the rows, level by level over whole rows; then the runs walked in
-    // blocks like the taps.
-    for (size_t k = 1; k < w.levels.size(); k++) ring(w.levels[k], s);
-    block_walk(w.runs_walk, w.runs_r[0], s.out, s.xo, s);
-    for (size_t k = 1; k < w.runs_r.size(); k++) block_fold(w.runs_walk, int(k), w.runs_r[k], s);
+    // The levels of every source row the band reads, level by level over
+    // whole rows; then the runs walked in blocks like the taps.
+    Func lev = w.levels;
+    const Var u = lev.args()[0];
+    lev.compute_at(s.out, s.yb);
+    lev.update(0).vectorize(u, s.lanes, TailStrategy::RoundUp);
+    int level_update = 1;
+    if (w.level_copy.defined()) {
+        RVar co("co"), ci("ci");
+        lev.update(level_update++).split(w.level_copy.x, co, ci, s.lanes, TailStrategy::GuardWithIf).vectorize(ci);
+    }
+    // A level writes only its own level and reads only the one below, so
+    // its samples are independent of each other whatever their order;
+    // Halide cannot tell the two levels apart through the row's offset.
+    for (size_t j = 0; j < w.level_r.size(); j++) {
+        RVar ro("ro"), ri("ri");
+        lev.update(level_update++).allow_race_conditions().split(w.level_r[j].x, ro, ri, s.lanes).vectorize(ri);
+    }
+    block_walk(w.runs_walk, w.runs_r, s.out, s.xo, s);
+    if (w.dirty.defined()) block_fold(w.runs_walk, 1, w.runs_taps_r, s);
+    if (w.runs_rows.defined()) rows_walk(w.runs_rows, w.runs_rows_r, s);
 }
 
 }  // namespace morph

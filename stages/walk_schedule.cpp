@@ -9,13 +9,10 @@ namespace morph {
 namespace {
 
 // Bands per band task, so that a plane has about this many band tasks.
-// A band task runs its bands in order and keeps the rows of all of them in
-// one block, taken when the task starts and released when it ends, folded
-// to kRingRows rows: each band writes its rows over those of the band
-// before it but the last ones it still reads.  A block freshly taken from
-// the allocator costs a page fault per page on first touch, so the blocks
-// taken per plane are kept to a few, enough for the plane's row tasks to
-// spread over the threads.
+// A band task runs its bands in order; each band takes its rows (and their
+// folds) from the allocator when it starts and gives them back when it
+// ends, and the runtime's allocator (dispatch/blocks.c) hands the next band
+// the same block, still in the caches.
 constexpr int kTasksPerPlane = 4;
 
 // The chunks of a block that make one vector of the code: the code
@@ -27,30 +24,39 @@ constexpr int kVectorChunks = 4;
 }  // namespace
 
 void ring(Func f, const BandSchedule &s) {
-    f.store_at(s.out, s.yo).compute_at(s.out, s.yb).fold_storage(f.args()[1], kRingRows);
+    f.compute_at(s.out, s.yb);
     f.vectorize(f.args()[0], s.lanes, TailStrategy::RoundUp);
 }
 
 // The block is one vector of K chunks' lanes, which the code generator
 // splits into K registers: their loads then differ by constants, where K
 // vectors of L lanes would each add their offset to a 32-bit index before
-// widening it to an address.  On rows narrower than a block (`narrow`) the
-// block is one chunk: the same fold with one accumulator, vectorized by L.
+// widening it to an address.
 void block_fold(Func walk, int update, const RDom &r, const BandSchedule &s) {
-    const int L = s.lanes;
     Var wx = walk.args()[0], wk("wk");
-    std::vector<VarOrRVar> order = {wx, wk}, one = {wx};
-    for (int i = 0; i < r.dimensions(); i++) order.push_back(r[i]), one.push_back(r[i]);
-    Stage st = walk.update(update);
-    st.specialize(s.narrow).vectorize(wx, L).reorder(one);
-    st.split(wx, wk, wx, kVectorChunks * L).vectorize(wx).unroll(wk).reorder(order);
+    std::vector<VarOrRVar> order = {wx, wk};
+    for (int i = 0; i < r.dimensions(); i++) order.push_back(r[i]);
+    walk.update(update).split(wx, wk, wx, kVectorChunks * s.lanes).vectorize(wx).unroll(wk).reorder(order);
 }
 
 void block_walk(Func walk, const RDom &r, Func at, const Var &xo, const BandSchedule &s) {
     walk.compute_at(at, xo);
-    walk.specialize(s.narrow).vectorize(walk.args()[0], s.lanes);
     walk.vectorize(walk.args()[0], kBlockChunks * s.lanes);
     block_fold(walk, 0, r, s);
+}
+
+// On rows narrower than a block the block is one chunk of kGroupRows rows:
+// as many accumulators as a block of a wide row, the walk's bookkeeping per
+// run paid once for all of them.  The block always has all its rows (the
+// last group of a stage computes rows past its end, which are never
+// stored), so that its accumulators stay in registers.
+void rows_walk(Func walk, const RDom &r, const BandSchedule &s) {
+    Var wx = walk.args()[0], wy = walk.args()[1];
+    walk.compute_at(s.out, s.xo).bound_extent(wy, kGroupRows);
+    walk.vectorize(wx, s.lanes).unroll(wy);
+    std::vector<VarOrRVar> order = {wx, wy};
+    for (int i = 0; i < r.dimensions(); i++) order.push_back(r[i]);
+    walk.update().vectorize(wx, s.lanes).unroll(wy).reorder(order);
 }
 
 // The fold kept per source row, computed block by block of K chunks (the
@@ -60,8 +66,7 @@ void block_walk(Func walk, const RDom &r, Func at, const Var &xo, const BandSche
 void folded_ring(Func fold, Func walk, const RDom &r, const BandSchedule &s) {
     const int L = s.lanes;
     Var u = fold.args()[0], uo("uo"), ui("ui");
-    fold.store_at(s.out, s.yo).compute_at(s.out, s.yb).fold_storage(fold.args()[1], kRingRows);
-    fold.specialize(s.narrow).split(u, uo, ui, L, TailStrategy::ShiftInwards).vectorize(ui);
+    fold.compute_at(s.out, s.yb);
     fold.split(u, uo, ui, kBlockChunks * L, TailStrategy::ShiftInwards).vectorize(ui);
     block_walk(walk, r, fold, uo, s);
 }
@@ -78,30 +83,53 @@ void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
     const int L = b.lanes, K = kBlockChunks;
     Expr bands_per_plane = (out.output_buffer().dim(1).extent() + kBandRows - 1) / kBandRows;
     Expr bands_per_task = max((bands_per_plane + kTasksPerPlane - 1) / kTasksPerPlane, 1);
-    const Expr narrow_rows = out.output_buffer().dim(0).extent() < K * L;
     BandWalks w = bands;  // Funcs are handles: scheduling a copy schedules the stage's own
     if (w.copied) {
-        BandSchedule all{out, yo, yb, yi, xo, L, Internal::const_false()};
+        BandSchedule all{out, yo, yb, yi, xo, L};
         ring(w.rows, all);
         RVar co("co"), ci("ci");
         w.rows.update().split(w.copy.x, co, ci, L, TailStrategy::GuardWithIf).vectorize(ci);
     }
-    for (const auto &c : band_cases(w)) {
-        if (!c.second.defined()) continue;
-        // Blocks of one chunk only for the walks that rows narrower than a
-        // block take (walks.h); a branch costs compile time in every one of
-        // the 162 pipelines.
-        const Expr narrow = takes_narrow_rows(c.first) ? narrow_rows : Internal::const_false();
-        Stage s = out.specialize(b.takes(c.first));
+    if (w.dirty.defined()) {
+        // The NaN tests of the walks that fold: per source row, once per
+        // band, in vectors of lanes folded at the end of the row; per output
+        // row, over the rows it reads.
+        w.row_nan.compute_at(out, yb);
+        w.nan_lanes.compute_at(w.row_nan, w.row_nan.args()[0]);
+        w.nan_lanes.vectorize(w.nan_lanes.args()[0]);
+        w.nan_lanes.update().vectorize(w.nan_lanes.args()[0]);
+        w.dirty.compute_at(out, yi);
+    }
+    for (const BandCase &c : band_cases(w)) {
+        if (!c.wide.defined()) continue;
+        Stage s = out.specialize(b.takes(c.walk));
+        if (c.narrow.defined()) {
+            // Rows narrower than a block, for the walks that take them
+            // (walks.h; a branch costs compile time in every one of the 162
+            // pipelines): groups of kGroupRows rows, a band of kBandRows
+            // rows being a number of groups, and each group walked one
+            // chunk at a time.
+            Var yg("yg"), yk("yk");
+            s.specialize(w.row.narrow)
+                .split(y, yg, yk, kGroupRows, TailStrategy::GuardWithIf)
+                .split(yg, yb, yi, kBandRows / kGroupRows, TailStrategy::GuardWithIf)
+                .split(yb, yo, yb, bands_per_task, TailStrategy::GuardWithIf)
+                .split(x, xo, xi, L, TailStrategy::ShiftInwards)
+                .vectorize(xi)
+                .reorder(xi, yk, xo, yi, yb, yo)
+                .parallel(yo)
+                .serial(yb)
+                .serial(yi)
+                .serial(yk);
+        }
         s.split(y, yb, yi, kBandRows, TailStrategy::GuardWithIf)
             .split(yb, yo, yb, bands_per_task, TailStrategy::GuardWithIf)
             .parallel(yo)
             .serial(yb)
             .serial(yi);
-        s.specialize(narrow).split(x, xo, xi, L, TailStrategy::ShiftInwards).vectorize(xi);
         s.split(x, xo, xi, K * L, TailStrategy::ShiftInwards).vectorize(xi);
-        const BandSchedule at{out, yo, yb, yi, xo, L, narrow};
-        switch (c.first) {
+        const BandSchedule at{out, yo, yb, yi, xo, L};
+        switch (c.walk) {
         case TM_WALK_TAPS: schedule_taps(w, at); break;
         case TM_WALK_BOX: schedule_box(w, at); break;
         case TM_WALK_PLANES: schedule_planes(w, at); break;

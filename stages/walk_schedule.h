@@ -24,10 +24,14 @@ namespace morph {
 
 // Chunks walked side by side in a band walk's block: that many
 // accumulators in registers, the walk's own bookkeeping paid once per block.
-// Rows narrower than a block but at least one chunk wide walk blocks of one
-// chunk instead (a branch of its own), so that a row of a few chunks (a
-// crop, a dask block, a microscopy volume's row) still takes a band walk.
 constexpr int kBlockChunks = 8;
+
+// Rows narrower than a block but at least one chunk wide (a crop, a dask
+// block, a microscopy volume's row) are walked in blocks of one chunk of
+// this many rows instead: as many accumulators as a block of a wide row.
+// A group's rows read the band's rows at offsets that differ by the band's
+// row stride, one address per row and run.
+constexpr int kGroupRows = 8;
 
 // Output rows of one band.  A band computes every row it reads, of the
 // source and of its folds, once, then walks its rows; the rows it shares
@@ -36,13 +40,15 @@ constexpr int kBlockChunks = 8;
 // interleave the two, a row at a time, but the guard on a band's rows past
 // the output's end keeps it from seeing that the rows move monotonically.)
 // 64 rows keep that growth under 2 for masks reaching 63 rows (a disk of
-// radius 31), at a ring of 128 rows.
+// radius 31).  A multiple of kGroupRows.
 constexpr int kBandRows = 64;
+static_assert(kBandRows % kGroupRows == 0, "a band is whole groups of rows");
 
-// Rows a band task keeps of every ring it writes out: a band's rows and
-// the mask's reach across rows.  The entry point takes a band walk only for
-// a mask that reaches no further (extent in dimension 1 at most
-// kRingRows - kBandRows + 1 = 65).
+// Rows a band keeps of every source row and fold it writes out, at most: a
+// band's rows and the mask's reach across rows.  The entry point takes a
+// band walk only for a mask that reaches no further (extent in dimension 1
+// at most kRingRows - kBandRows + 1 = 65), and sizes a band's working
+// memory by it.
 constexpr int kRingRows = 128;
 
 struct Branch {

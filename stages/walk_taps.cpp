@@ -6,19 +6,26 @@ using namespace Halide;
 
 namespace morph {
 
-void define_taps(BandWalks &b, const BandSite &s) {
-    const Runs &runs = s.runs;
-    b.taps = Func(s.name + "_taps");
-    b.taps_r = RDom(0, runs.longest, 0, runs.count, s.name + "_tap");
-    RDom &t = b.taps_r;
-    t.where(t.x < runs.list(1, t.y));
-    Expr r0 = offset_of(runs.list(0, t.y) + t.x, s.se, 0);
-    Expr r1 = offset_of(runs.list(2, t.y), s.se, 1), r2 = offset_of(runs.list(3, t.y), s.se, 2);
-    b.taps(s.x, s.y, s.z) = s.init;
-    b.taps(s.x, s.y, s.z) = combine(s.w, b.taps(s.x, s.y, s.z),
-                                    b.rows(step(s.w, s.x, r0), step(s.w, s.y, r1), step(s.w, s.z, r2)), s.el);
+namespace {
+
+Func tap_walk(const BandWalks &b, const BandSite &s, const std::string &name, RDom &t) {
+    t = tap_domain(s, name + "_tap");
+    Func f(name);
+    f(s.x, s.y, s.z) = s.init;
+    f(s.x, s.y, s.z) = combine(s.w, f(s.x, s.y, s.z), tap_sample(b.rows, s, t), s.el);
+    return f;
 }
 
-void schedule_taps(const BandWalks &w, const BandSchedule &s) { block_walk(w.taps, w.taps_r, s.out, s.xo, s); }
+}  // namespace
+
+void define_taps(BandWalks &b, const BandSite &s) {
+    b.taps = tap_walk(b, s, s.name + "_taps", b.taps_r);
+    b.taps_rows = tap_walk(b, s, s.name + "_taps_rows", b.taps_rows_r);
+}
+
+void schedule_taps(const BandWalks &w, const BandSchedule &s) {
+    block_walk(w.taps, w.taps_r, s.out, s.xo, s);
+    rows_walk(w.taps_rows, w.taps_rows_r, s);
+}
 
 }  // namespace morph

@@ -15,12 +15,14 @@
  *           folds across rows and planes.
  *   PLANES  the box walk planes first (integer types, boxes of several
  *           planes): any grouping of a minimum serves for them.
- *   RUNS    band walk of runs by doubled folds (integer types, masks of
- *           long runs): each run met as two overlapping folds.
+ *   RUNS    band walk of runs by doubled folds (masks of long runs): each
+ *           run met as two overlapping folds.
  *
- * Every band walk computes rows in blocks of TM_BLOCK_CHUNKS chunks; TAPS
- * and RUNS also rows narrower than a block, in blocks of one chunk, and on
- * such rows a box goes by TAPS (TM_WALK_NARROW_ROWS). */
+ * Every band walk computes rows in blocks of TM_BLOCK_CHUNKS chunks.  TAPS,
+ * and RUNS for the integer types, also take rows narrower than a block, in
+ * blocks of one chunk of TM_GROUP_ROWS rows; on such rows a box goes by
+ * its runs, and a floating mask by TAPS.  The walks that fold (BOX, RUNS)
+ * walk floating rows with a NaN in reach by taps. */
 #ifndef TM_WALKS_H
 #define TM_WALKS_H
 
@@ -32,12 +34,5 @@ enum tm_walk {
 #undef TM_WALK_ENUM
     TM_WALK_COUNT
 };
-
-/* The walks that also take rows of at least one chunk but less than a block. */
-#define TM_WALK_NARROW_ROWS(w) ((w) == TM_WALK_TAPS || (w) == TM_WALK_RUNS)
-
-#ifdef __cplusplus
-inline bool takes_narrow_rows(tm_walk w) { return TM_WALK_NARROW_ROWS(w); }
-#endif
 
 #endif

@@ -75,8 +75,9 @@ struct Shape {
 // (extremes, and for the floating types NaN, infinities and both zeros);
 // `Ties` with few distinct values and no NaN, so that equal samples meet
 // all the time (for the floating types +0 and -0 among them, whose order
-// shows in the result).
-enum class Fill { Stress, Ties };
+// shows in the result); `SparseNan` as `Ties` with a NaN in a few rows, so
+// that the rows that reach one and those that do not meet in one image.
+enum class Fill { Stress, Ties, SparseNan };
 
 inline void fill_ties(Buf &im, const std::string &type, std::mt19937 &rng) {
     const int n = int(im.store.size() / im.elem);
@@ -103,6 +104,17 @@ inline void fill_ties(Buf &im, const std::string &type, std::mt19937 &rng) {
 
 inline void fill_image(Buf &im, const std::string &type, std::mt19937 &rng, Fill fill = Fill::Stress) {
     if (fill == Fill::Ties) return fill_ties(im, type, rng);
+    if (fill == Fill::SparseNan) {
+        fill_ties(im, type, rng);
+        const size_t n = im.store.size() / im.elem;
+        for (int k = 0; k < 3 && (type == "float32" || type == "float64"); k++) {
+            uint8_t *p = im.store.data() + size_t(rng() % n) * im.elem;
+            const double nan = std::numeric_limits<double>::quiet_NaN();
+            const float fnan = float(nan);
+            if (type == "float32") std::memcpy(p, &fnan, 4); else std::memcpy(p, &nan, 8);
+        }
+        return;
+    }
     im.fill_random(rng);
     if (type != "float32" && type != "float64") return;
     const int n = int(im.store.size() / im.elem);
