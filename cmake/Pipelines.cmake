@@ -12,7 +12,7 @@ string(REGEX REPLACE "^([^-]+-[^-]+-[^-]+).*$" "\\1" TM_ARCH_OS "${Halide_CMAKE_
 add_halide_generator(tm_generator
                      SOURCES frame/generator.cpp stages/element_walk.cpp stages/walk_schedule.cpp
                              stages/walk_direct.cpp stages/walk_taps.cpp stages/walk_box.cpp
-                             stages/walk_planes.cpp stages/walk_runs.cpp
+                             stages/walk_planes.cpp stages/walk_runs.cpp stages/walk_segments.cpp
                              pipelines/operators.cpp pipelines/residue.cpp)
 
 # One runtime for all pipelines, for the baseline target.
@@ -49,7 +49,7 @@ set(_prototypes "")
 # exports.c calls each pipeline through the header Halide generates beside
 # it, so that an argument list that differs from the frame's call does not
 # compile.
-set(_exports_c "/* Generated from the list of entry points: one thin export per pipeline, and its adapter from the frame's call to the compiled pipeline. */\n#include <stdbool.h>\n\n#include \"frame.h\"\n#include \"tm_lanes.h\"\n\n#define TM_WINDOW(c) (c)->window_min[0], (c)->window_min[1], (c)->window_min[2], (c)->window_extent[0], (c)->window_extent[1], (c)->window_extent[2]\n#define TM_BANDS(c) (c)->walk, (c)->tap_runs, (c)->longest_run\n#define TM_ROWS(c) (c)->out->dim[0].min, (c)->out->dim[0].extent, (c)->stage ? (c)->stage->dim[0].min : 0, (c)->stage ? (c)->stage->dim[0].extent : 0\n\n")
+set(_exports_c "/* Generated from the list of entry points: one thin export per pipeline, and its adapter from the frame's call to the compiled pipeline. */\n#include <stdbool.h>\n\n#include \"frame.h\"\n#include \"tm_lanes.h\"\n\n#define TM_WINDOW(c) (c)->window_min[0], (c)->window_min[1], (c)->window_min[2], (c)->window_extent[0], (c)->window_extent[1], (c)->window_extent[2]\n#define TM_BANDS(c) (c)->walk, (c)->tap_runs, (c)->longest_run\n#define TM_ROWS(c) (c)->out->dim[0].min, (c)->out->dim[0].extent, (c)->out->dim[1].min, (c)->stage ? (c)->stage->dim[0].min : 0, (c)->stage ? (c)->stage->dim[0].extent : 0, (c)->stage ? (c)->stage->dim[1].min : 0\n\n")
 set(_version "{\n  global:\n")
 foreach (op IN LISTS TM_OPERATORS)
     set(out "${TM_OUTPUT_${op}}")

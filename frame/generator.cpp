@@ -47,10 +47,13 @@ public:
     typename Base::template Input<int32_t> walk{"walk"};
     typename Base::template Input<Buffer<int32_t>> tap_runs{"tap_runs", 2};
     typename Base::template Input<int32_t> longest_run{"longest_run"};
-    // The output's row and the intermediate's (two-stage operators) in
-    // dimension 0, as the entry point describes their buffers.
-    typename Base::template Input<int32_t> out_row_min{"out_row_min"}, out_row_extent{"out_row_extent"};
-    typename Base::template Input<int32_t> stage_row_min{"stage_row_min"}, stage_row_extent{"stage_row_extent"};
+    // The output's rows and the intermediate's (two-stage operators): the
+    // first sample and the width of a row, and the first row, as the entry
+    // point describes their buffers.  The band walks size what they keep
+    // per band by them.
+    typename Base::template Input<int32_t> out_min_0{"out_min_0"}, out_extent_0{"out_extent_0"}, out_min_1{"out_min_1"};
+    typename Base::template Input<int32_t> stage_min_0{"stage_min_0"}, stage_extent_0{"stage_extent_0"},
+        stage_min_1{"stage_min_1"};
     typename Base::template Output<Buffer<>> out{output_name(), 3};
 
     static const char *output_name() {
@@ -88,8 +91,8 @@ public:
         tap_runs.dim(0).set_min(0).set_extent(kRunFields).set_stride(1);
         tap_runs.dim(1).set_min(0).set_stride(kRunFields);
         s.runs = Runs{tap_runs, tap_runs.dim(1).extent(), longest_run};
-        s.row_min[0] = out_row_min, s.row_extent[0] = out_row_extent;
-        s.row_min[1] = stage_row_min, s.row_extent[1] = stage_row_extent;
+        s.rows[0] = StageRow{out_min_0, out_extent_0, out_min_1, Expr()};
+        s.rows[1] = StageRow{stage_min_0, stage_extent_0, stage_min_1, Expr()};
         s.image = keyimForType;
         s.lower = minmax(0, 0);
         s.upper = minmax(1, 0);

@@ -27,6 +27,9 @@
 #define TM_MAX_BAND_BYTES ((int64_t)64 << 20)
 /* Floating boxes of at most this many taps are walked by taps. */
 #define TM_FLOAT_TAPS_BEFORE_FOLD 9
+/* The cost of a sample by segments beyond the levels of its rows, in reads
+ * of the box walk (by_segments). */
+#define TM_SEGMENTS_COST 14
 
 static int64_t max64(int64_t a, int64_t b) { return a > b ? a : b; }
 
@@ -101,22 +104,40 @@ static int worth_runs(const tm_walk_plan *p) {
     return p->longest < ((int32_t)1 << TM_RUN_LEVELS) && taps >= 2 * (int64_t)p->count + 2 * TM_RUN_LEVELS;
 }
 
+/* A full box of one plane goes by segments where the box walk's linear
+ * folds of its rows and columns, e0 + e1 reads a sample, would cost more
+ * than the levels of its rows and the folds of segments across rows,
+ * log2(e0) + TM_SEGMENTS_COST (measured on 4096^2 uint8, uint16 and
+ * float32: a 7 x 7 square is faster by the box walk, a 15 x 15 one by
+ * segments, and so is a row of 31).  The levels cover rows of up to
+ * 2^TM_RUN_LEVELS - 1 samples; a band keeps the levels and two folds of its
+ * rows and the box's reach, whatever its height, within TM_MAX_BAND_BYTES;
+ * floating rows with a NaN in reach walk the taps, from the list. */
+static int by_segments(const tm_entry *e, const int64_t ext[3], int64_t width, int listed) {
+    int64_t log2_e0 = 0;
+    while (((int64_t)2 << log2_e0) <= ext[0]) log2_e0++;
+    if (ext[2] != 1 || ext[0] >= ((int64_t)1 << TM_RUN_LEVELS) || ext[0] + ext[1] <= log2_e0 + TM_SEGMENTS_COST) return 0;
+    if (e->code == halide_type_float && !listed) return 0;
+    const int64_t rows = TM_BAND_ROWS + ext[1] - 1;
+    return (TM_RUN_LEVELS + 2) * rows * width * e->bytes <= TM_MAX_BAND_BYTES;
+}
+
 /* The walk for the call; the runs listed in p on the way. */
 static int32_t choose(const tm_entry *e, const tm_view v[TM_NARGS], int wide, int32_t stage_width, tm_walk_plan *p) {
     const tm_view *se = &v[TM_SE];
     const int two_stage = tm_traits_of(e->op)->stage != NULL;
-    /* Rows narrower than a block walk blocks of one chunk (the walks of
-     * runs only, below); rows narrower than one chunk have no band walk. */
+    /* Rows narrower than a block walk blocks of one chunk of several rows
+     * (the walks of runs only, below); rows narrower than one chunk have no
+     * band walk. */
     const int64_t block = (int64_t)TM_BLOCK_CHUNKS * e->lanes;
     if (!wide || v[TM_OUT].extent[0] < e->lanes || (two_stage && stage_width < e->lanes)) return TM_WALK_DIRECT;
+    const int narrow = v[TM_OUT].extent[0] < block || (two_stage && stage_width < block);
     int64_t ext[3], c[3];
     for (int d = 0; d < 3; d++) {
         ext[d] = se->extent[d];
         c[d] = tm_centre(se->extent[d]);
         if (ext[d] <= 0) return TM_WALK_DIRECT;
     }
-    /* A band task keeps TM_RING_ROWS rows: its band's and the reach. */
-    if (ext[1] > TM_RING_ROWS - TM_BAND_ROWS + 1) return TM_WALK_DIRECT;
     int full = 1;
     const int64_t count = scan_runs(se, ext, c, NULL, &full);
     if (count == 0 || (!full && count > TM_MAX_RUNS)) return TM_WALK_DIRECT;
@@ -124,12 +145,17 @@ static int32_t choose(const tm_entry *e, const tm_view v[TM_NARGS], int wide, in
      * for the list the call is walked directly. */
     const int fits = count <= TM_MAX_RUNS;
     if (fits && !list_runs(se, ext, c, count, p)) return TM_WALK_DIRECT;
-    int by_runs = fits && worth_runs(p);
-
-    /* What a band task holds: TM_RING_ROWS rows in every plane the mask
-     * reaches, a few times over (the rows, their folds), and the levels
-     * besides for the walk by doubled folds. */
+    /* What a band task holds: the rows of its band and the reach in every
+     * plane the mask reaches, a few times over (the rows, their folds), and
+     * the levels besides for the walks by doubled folds. */
     const int64_t width = max64(v[TM_OUT].extent[0], stage_width) + ext[0] + block + ((int64_t)1 << TM_RUN_LEVELS);
+    if (full && !narrow && by_segments(e, ext, width, fits)) {
+        p->longest = (int32_t)ext[0];
+        return TM_WALK_SEGMENTS;
+    }
+    /* The other band walks keep TM_RING_ROWS rows: the band's and the reach. */
+    if (ext[1] > TM_RING_ROWS - TM_BAND_ROWS + 1) return TM_WALK_DIRECT;
+    int by_runs = fits && worth_runs(p);
     const int64_t ring = (int64_t)TM_RING_ROWS * ext[2] * width * e->bytes;
     if (ring * (TM_RUN_LEVELS + 1) > TM_MAX_BAND_BYTES) by_runs = 0;
     if (ring > TM_MAX_BAND_BYTES) return TM_WALK_DIRECT;
@@ -143,7 +169,7 @@ static int32_t choose(const tm_entry *e, const tm_view v[TM_NARGS], int wide, in
     /* Rows narrower than a block: of the band walks only those of runs take
      * them (stages/walks.h), so a box goes by its runs there, and floating
      * types by taps. */
-    if (v[TM_OUT].extent[0] < block || (two_stage && stage_width < block)) {
+    if (narrow) {
         if (full && !fits) return TM_WALK_DIRECT;
         full = 0;
         if (e->code == halide_type_float) by_runs = 0;

@@ -45,7 +45,8 @@ StageWalk stage_walk(Walk w, const Sources &s, const Func &padded_source, const 
                      const std::string &name, const std::vector<Var> &at, int row) {
     StageWalk sw;
     sw.direct = element_walk(w, padded_source, s.se, s.el, name, at);
-    const StageRow stage_row{s.row_min[row], s.row_extent[row], s.row_extent[row] < kBlockChunks * s.branch.lanes};
+    StageRow stage_row = s.rows[row];
+    stage_row.narrow = stage_row.extent < kBlockChunks * s.branch.lanes;
     sw.bands = band_walks(w, src, s.se, s.runs, s.el, name, at, stage_row);
     const Var &x = at[0], &y = at[1], &z = at[2];
     // The schedule branches on the same values, so in each branch the

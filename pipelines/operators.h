@@ -28,10 +28,9 @@ struct Sources {
     Element el;
     Branch branch;
     Halide::Expr halves;  // the residue's uint32 conversion by halves
-    // The rows of the output [0] and of the intermediate [1] in dimension 0,
-    // as the entry point describes their buffers: the band walks compute
-    // the levels of doubled folds over the samples these rows read.
-    Halide::Expr row_min[2], row_extent[2];
+    // The rows of the output [0] and of the intermediate [1], as the entry
+    // point describes their buffers.
+    StageRow rows[2];
 };
 
 // Defines and schedules the whole pipeline into `out` (x, y, z); a

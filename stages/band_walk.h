@@ -54,17 +54,17 @@ inline Halide::Expr offset_of(const Halide::Expr &value, const Strel &se, int d)
     return Halide::unsafe_promise_clamped(value, -se.centre[d], se.extent[d] - 1 - se.centre[d]);
 }
 
-// The source row a walk reads at offset r from its own row y.  A walk on
-// rows narrower than a block computes whole groups of rows, the last group
-// of a stage past its last row as well; those rows are never stored, and
-// for a source without pad (which holds nothing beyond its domain) their
-// reads are kept to the domain.
-inline Halide::Expr source_row(const BandSite &s, const Halide::Expr &r) {
-    Halide::Expr v = step(s.w, s.y, r);
+// The source row v as a band walk reads it, and the one it reads at offset
+// r from its own row y.  Some walks compute rows past the stage's last row
+// (the last group of rows narrower than a block, the segments of a band);
+// those rows are never stored, and for a source without pad (which holds
+// nothing beyond its domain) their reads are kept to the domain.
+inline Halide::Expr clamp_row(const BandSite &s, const Halide::Expr &v) {
     if (s.src.pad.defined()) return v;
     const Halide::Expr last = s.src.min[1] + s.src.extent[1] - 1;
     return Halide::unsafe_promise_clamped(Halide::min(Halide::likely(v), last), s.src.min[1], last);
 }
+inline Halide::Expr source_row(const BandSite &s, const Halide::Expr &r) { return clamp_row(s, step(s.w, s.y, r)); }
 
 // Writes a source's rows into `f` at the coordinates (u, v, wv, more...):
 // first the pad everywhere, then the part inside the domain copied over it,
@@ -84,12 +84,14 @@ void define_taps(BandWalks &b, const BandSite &s);
 void define_box(BandWalks &b, const BandSite &s);
 void define_planes(BandWalks &b, const BandSite &s);
 void define_runs(BandWalks &b, const BandSite &s);
+void define_segments(BandWalks &b, const BandSite &s);
 
 // ... and their schedules, within the branch of their walk.
 void schedule_taps(const BandWalks &w, const BandSchedule &s);
 void schedule_box(const BandWalks &w, const BandSchedule &s);
 void schedule_planes(const BandWalks &w, const BandSchedule &s);
 void schedule_runs(const BandWalks &w, const BandSchedule &s);
+void schedule_segments(const BandWalks &w, const BandSchedule &s);
 
 // Layouts the walks' schedules share (walk_schedule.cpp).
 //

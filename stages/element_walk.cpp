@@ -139,6 +139,52 @@ Expr tap_sample(const Func &rows, const BandSite &s, const RDom &t) {
 
 namespace {
 
+// Every level's samples are computed in whole vectors of any lane count.
+constexpr int kLevelAlign = 64;
+static_assert(kLevelAlign % 32 == 0, "a multiple of the widest vector of bytes");
+
+// The levels of doubled folds of the band's source rows (RUNS, SEGMENTS):
+// level k holds at u the fold of the samples u .. u + 2^k - 1, in the
+// walk's order (erosion meets lower u first, dilation higher u).  Level k
+// is an update of its own over the samples of the stage's row that any
+// walk reads (its first sample and width are the entry point's); its reads
+// of level k - 1 reach 2^(k-1) samples further, into samples no walk reads:
+// a walk reads level k only where the whole block lies inside a run of the
+// mask.  Levels above the longest run's are not computed.
+void define_levels(BandWalks &b, const BandSite &s) {
+    const Source &src = s.src;
+    const Strel &se = s.se;
+    const Var &u = s.u, &v = s.v, &wv = s.wv;
+    Var k("k");
+    b.levels = Func(s.name + "_levels");
+    b.levels(u, v, wv, k) = undef(s.el.storage);
+    // Level 0: the rows, written out as `rows` are (with the pad), so that
+    // the walks need no copy of them.  A source without pad is read as it
+    // is; it holds nothing beyond its domain, where the levels' whole
+    // vectors reach, so those reads are kept to the domain (the samples so
+    // changed belong to blocks no run reads).
+    if (src.pad.defined()) {
+        b.level_copy = write_rows(src, b.levels, {0}, u, v, wv, s.name + "_level_copy");
+    } else {
+        const Expr last0 = src.min[0] + src.extent[0] - 1;
+        b.levels(u, v, wv, 0) = src.f(unsafe_promise_clamped(min(likely(u), last0), src.min[0], last0), v, wv);
+    }
+    // The samples the walks read: the row's reach before its first sample,
+    // in source order, and the row and the mask's extent.
+    Expr before = s.w == Walk::Erode ? se.centre[0] : se.extent[0] - 1 - se.centre[0];
+    Expr first = s.row.min - before;
+    Expr count = (s.row.extent + se.extent[0] - 1 + kLevelAlign - 1) / kLevelAlign * kLevelAlign;
+    Expr top = 31 - count_leading_zeros(max(s.runs.longest, 1));
+    for (int level = 1; level < kRunLevels; level++) {
+        RDom r(0, kLevelAlign, 0, count / kLevelAlign, s.name + "_level" + std::to_string(level));
+        r.where(level <= top);
+        const Expr at = first + r.y * kLevelAlign + r.x;
+        const Expr lo = b.levels(at, v, wv, level - 1), hi = b.levels(at + (1 << (level - 1)), v, wv, level - 1);
+        b.levels(at, v, wv, level) = s.w == Walk::Erode ? combine(s.w, lo, hi, s.el) : combine(s.w, hi, lo, s.el);
+        b.level_r.push_back(r);
+    }
+}
+
 // The source rows that hold a NaN, inside the domain, and the output rows
 // whose mask's box reaches one of them or the pad, where that is NaN.  A
 // walk that folds groups of samples gives the walk's own result only where
@@ -184,7 +230,8 @@ std::vector<BandCase> band_cases(const BandWalks &b) {
     return {{TM_WALK_TAPS, b.taps, b.taps_rows},
             {TM_WALK_BOX, b.box, Func()},
             {TM_WALK_PLANES, b.plane_box, Func()},
-            {TM_WALK_RUNS, b.runs_walk, b.runs_rows}};
+            {TM_WALK_RUNS, b.runs_walk, b.runs_rows},
+            {TM_WALK_SEGMENTS, b.segments, Func()}};
 }
 
 BandWalks band_walks(Walk w, const Source &src, const Strel &se, const Runs &runs, const Element &el,
@@ -210,9 +257,11 @@ BandWalks band_walks(Walk w, const Source &src, const Strel &se, const Runs &run
     // have no box planes first (their ties would show the grouping).
     const BandSite site{w, src, se, runs, el, name, x, y, z, u, v, wv, init, b.row};
     if (el.is_float()) define_nan_rows(b, site);
+    define_levels(b, site);
     define_taps(b, site);
     define_box(b, site);
     define_runs(b, site);
+    define_segments(b, site);
     if (!el.is_float()) define_planes(b, site);
     return b;
 }

@@ -119,12 +119,13 @@ constexpr int kNanLanes = 64;
 // samples, enough for runs of up to 63 taps (disks up to radius 31).
 constexpr int kRunLevels = 6;
 
-// The stage's own row in dimension 0, as the entry point describes the
-// buffer it writes, and whether it is narrower than a block of chunks:
-// such rows are walked by other Funcs (the `*_rows` forms below), a block
-// then being one chunk of several rows.
+// The stage's own rows, as the entry point describes the buffer it
+// writes: a row's first sample and width, the first row, and whether a row
+// is narrower than a block of chunks: such rows are walked by other Funcs
+// (the `*_rows` forms below), a block then being one chunk of several rows.
 struct StageRow {
     Halide::Expr min, extent;
+    Halide::Expr first_row;
     Halide::Expr narrow;
 };
 
@@ -173,6 +174,15 @@ struct BandWalks {
     std::vector<Halide::RDom> level_r;
     Halide::Func runs_walk, runs_rows;
     Halide::RDom runs_r, runs_rows_r, runs_taps_r;
+    // A mask of ones filling a box of one plane: each source row folded
+    // along the box's row from the levels, then per band the rows' folds
+    // from the start of their segment of e1 rows (`prefix`, an update over
+    // the band's rows `prefix_r`) and to its end (`suffix`, over
+    // `suffix_r`, backwards); an output row reads one of each (`segments`;
+    // floating rows with a NaN in reach by taps, its update over
+    // `segments_taps_r`).
+    Halide::Func prefix, suffix, segments;
+    Halide::RDom prefix_r, suffix_r, segments_taps_r;
 };
 
 // One band walk of a stage: the Func that computes it, and the one that

@@ -13,14 +13,9 @@
 // and floating values without NaN the overlap cannot show and the runs
 // give exactly the walk's result, -0 against +0 included.
 //
-// The levels are one Func whose last coordinate is the level, so that one
-// update over the runs reads each run's level by its length.  Level k is
-// an update of its own over the samples of the stage's row that any run
-// reads (its first sample and width are the entry point's, which describes
-// the buffer the stage writes); its reads of level k - 1 reach 2^(k-1)
-// samples further, into samples no run reads: a run of length l reads
-// level k only where the whole block lies inside the run.  Levels above the
-// longest run's are not computed.
+// The levels (element_walk.cpp, shared with SEGMENTS) are one Func whose
+// last coordinate is the level, so that one update over the runs reads
+// each run's level by its length.
 #include "band_walk.h"
 
 using namespace Halide;
@@ -28,10 +23,6 @@ using namespace Halide;
 namespace morph {
 
 namespace {
-
-// Every level's samples are computed in whole vectors of any lane count.
-constexpr int kLevelAlign = 64;
-static_assert(kLevelAlign % 32 == 0, "a multiple of the widest vector of bytes");
 
 // The walk over the runs: for floating types only on rows without NaN in
 // reach (`clean`).
@@ -60,38 +51,7 @@ Func runs_walk(const BandWalks &b, const BandSite &s, const std::string &name, R
 }  // namespace
 
 void define_runs(BandWalks &b, const BandSite &s) {
-    const Source &src = s.src;
-    const Strel &se = s.se;
     const Var &u = s.u, &v = s.v, &wv = s.wv;
-    Var k("k");
-    b.levels = Func(s.name + "_levels");
-    b.levels(u, v, wv, k) = undef(s.el.storage);
-    // Level 0: the rows, written out as the other walks' rows are (with the
-    // pad), so that the walk needs no copy of them.  A source without pad
-    // is read as it is; it holds nothing beyond its domain, where the
-    // levels' whole vectors reach, so those reads are kept to the domain
-    // (the samples so changed belong to blocks no run reads).
-    if (src.pad.defined()) {
-        b.level_copy = write_rows(src, b.levels, {0}, u, v, wv, s.name + "_level_copy");
-    } else {
-        const Expr last0 = src.min[0] + src.extent[0] - 1;
-        b.levels(u, v, wv, 0) = src.f(unsafe_promise_clamped(min(likely(u), last0), src.min[0], last0), v, wv);
-    }
-    // The samples the runs read: the row's reach before its first sample,
-    // in source order, and the row and the mask's extent.
-    Expr before = s.w == Walk::Erode ? se.centre[0] : se.extent[0] - 1 - se.centre[0];
-    Expr first = s.row.min - before;
-    Expr count = (s.row.extent + se.extent[0] - 1 + kLevelAlign - 1) / kLevelAlign * kLevelAlign;
-    Expr top = 31 - count_leading_zeros(max(s.runs.longest, 1));
-    for (int level = 1; level < kRunLevels; level++) {
-        RDom r(0, kLevelAlign, 0, count / kLevelAlign, s.name + "_level" + std::to_string(level));
-        r.where(level <= top);
-        const Expr at = first + r.y * kLevelAlign + r.x;
-        const Expr lo = b.levels(at, v, wv, level - 1), hi = b.levels(at + (1 << (level - 1)), v, wv, level - 1);
-        // Erosion meets lower u first, dilation higher u.
-        b.levels(at, v, wv, level) = s.w == Walk::Erode ? combine(s.w, lo, hi, s.el) : combine(s.w, hi, lo, s.el);
-        b.level_r.push_back(r);
-    }
     if (!s.el.is_float()) {
         b.runs_walk = runs_walk(b, s, s.name + "_runs", b.runs_r, Expr());
         b.runs_rows = runs_walk(b, s, s.name + "_runs_rows", b.runs_rows_r, Expr());
@@ -109,24 +69,8 @@ void define_runs(BandWalks &b, const BandSite &s) {
 }
 
 void schedule_runs(const BandWalks &w, const BandSchedule &s) {
-    // The levels of every source row the band reads, level by level over
-    // whole rows; then the runs walked in blocks like the taps.
-    Func lev = w.levels;
-    const Var u = lev.args()[0];
-    lev.compute_at(s.out, s.yb);
-    lev.update(0).vectorize(u, s.lanes, TailStrategy::RoundUp);
-    int level_update = 1;
-    if (w.level_copy.defined()) {
-        RVar co("co"), ci("ci");
-        lev.update(level_update++).split(w.level_copy.x, co, ci, s.lanes, TailStrategy::GuardWithIf).vectorize(ci);
-    }
-    // A level writes only its own level and reads only the one below, so
-    // its samples are independent of each other whatever their order;
-    // Halide cannot tell the two levels apart through the row's offset.
-    for (size_t j = 0; j < w.level_r.size(); j++) {
-        RVar ro("ro"), ri("ri");
-        lev.update(level_update++).allow_race_conditions().split(w.level_r[j].x, ro, ri, s.lanes).vectorize(ri);
-    }
+    // The levels are laid out with the rows (schedule_bands); the runs are
+    // walked in blocks like the taps.
     block_walk(w.runs_walk, w.runs_r, s.out, s.xo, s);
     if (w.dirty.defined()) block_fold(w.runs_walk, 1, w.runs_taps_r, s);
     if (w.runs_rows.defined()) rows_walk(w.runs_rows, w.runs_rows_r, s);

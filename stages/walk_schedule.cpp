@@ -90,6 +90,25 @@ void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
         RVar co("co"), ci("ci");
         w.rows.update().split(w.copy.x, co, ci, L, TailStrategy::GuardWithIf).vectorize(ci);
     }
+    if (w.levels.defined()) {
+        // The levels of every source row the band reads, level by level
+        // over whole rows.  A level writes only its own level and reads only
+        // the one below, so its samples are independent of each other
+        // whatever their order; Halide cannot tell the two levels apart
+        // through the row's offset.
+        Func lev = w.levels;
+        lev.compute_at(out, yb);
+        lev.update(0).vectorize(lev.args()[0], L, TailStrategy::RoundUp);
+        int level_update = 1;
+        if (w.level_copy.defined()) {
+            RVar co("co"), ci("ci");
+            lev.update(level_update++).split(w.level_copy.x, co, ci, L, TailStrategy::GuardWithIf).vectorize(ci);
+        }
+        for (const RDom &r : w.level_r) {
+            RVar ro("ro"), ri("ri");
+            lev.update(level_update++).allow_race_conditions().split(r.x, ro, ri, L).vectorize(ri);
+        }
+    }
     if (w.dirty.defined()) {
         // The NaN tests of the walks that fold: per source row, once per
         // band, in vectors of lanes folded at the end of the row; per output
@@ -134,6 +153,7 @@ void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
         case TM_WALK_BOX: schedule_box(w, at); break;
         case TM_WALK_PLANES: schedule_planes(w, at); break;
         case TM_WALK_RUNS: schedule_runs(w, at); break;
+        case TM_WALK_SEGMENTS: schedule_segments(w, at); break;
         default: break;
         }
     }

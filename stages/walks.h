@@ -17,16 +17,19 @@
  *           planes): any grouping of a minimum serves for them.
  *   RUNS    band walk of runs by doubled folds (masks of long runs): each
  *           run met as two overlapping folds.
+ *   SEGMENTS band walk of a large box of one plane: rows folded as RUNS
+ *           folds a run, then across rows the folds from the start and to
+ *           the end of segments of the box's height, two of them a sample.
  *
  * Every band walk computes rows in blocks of TM_BLOCK_CHUNKS chunks.  TAPS,
  * and RUNS for the integer types, also take rows narrower than a block, in
  * blocks of one chunk of TM_GROUP_ROWS rows; on such rows a box goes by
- * its runs, and a floating mask by TAPS.  The walks that fold (BOX, RUNS)
- * walk floating rows with a NaN in reach by taps. */
+ * its runs, and a floating mask by TAPS.  The walks that fold (BOX, RUNS,
+ * SEGMENTS) walk floating rows with a NaN in reach by taps. */
 #ifndef TM_WALKS_H
 #define TM_WALKS_H
 
-#define TM_WALKS(X) X(DIRECT) X(TAPS) X(BOX) X(PLANES) X(RUNS)
+#define TM_WALKS(X) X(DIRECT) X(TAPS) X(BOX) X(PLANES) X(RUNS) X(SEGMENTS)
 
 enum tm_walk {
 #define TM_WALK_ENUM(name) TM_WALK_##name,

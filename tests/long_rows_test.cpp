@@ -1,10 +1,12 @@
 // Long rows at every entry point against the scalar reference.  Rows at
-// least one chunk wide go to the band walks (in blocks of one chunk below
-// one block), chosen by the mask: each mask
-// below aims at one of them (the tap walk over runs, also a list of more
-// than a thousand, the box walk, the box walk planes first), on images whose row bands, blocks and borders fall differently,
-// with data that stresses the type and with data full of ties (for the
-// floating types +0 against -0, where the grouping of a walk would show).
+// least one chunk wide go to the band walks (below one block in groups of
+// rows of one chunk), chosen by the mask: each mask below aims at one of
+// them (the tap walk over runs, also a list of more than a thousand, the
+// box walk, the box walk planes first, the walks of doubled folds and of
+// segments), on images whose row bands, blocks and borders fall
+// differently, with data that stresses the type, with data full of ties
+// (for the floating types +0 against -0, where the grouping of a walk would
+// show) and, for the floating types, ties with a NaN in a few rows.
 // Floating boxes of up to 9 taps are walked by taps, so the boxes meant for
 // the box walk have more.
 // Rows of 64 vectors and more run the floating types through blocks of
@@ -77,7 +79,11 @@ const MaskCase kMasks[] = {
     {"column of 63: a band and the deepest reach its ring keeps", {1, 63, 1}, one},
     {"row of 50 with a gap: runs of 40 and 9 read through folds of 32", {50, 1, 1},
      [](int i, int, int, std::mt19937 &) -> uint8_t { return i != 40; }},
-    {"column of 100: more rows than a band task keeps: direct walk", {1, 100, 1}, one},
+    {"column of 100: segments deeper than a band", {1, 100, 1}, one},
+    {"7 x 10 box by segments: the band's last segment partial", {7, 10, 1}, one},
+    {"15 x 15 box by segments", {15, 15, 1}, one},
+    {"column of 66 with a gap: reaches further than the ring, direct walk", {1, 66, 1},
+     [](int, int j, int, std::mt19937 &) -> uint8_t { return j != 30; }},
     {"checkerboard of 1088 runs: a long list walked by taps", {64, 34, 1},
      [](int i, int j, int, std::mt19937 &) -> uint8_t { return (i + j) % 2; }},
 };

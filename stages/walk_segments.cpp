@@ -1,0 +1,105 @@
+// SEGMENTS: the band walk of a box by running folds, whose cost per sample
+// grows with the logarithm of the box's width and not with its height.
+// Each source row is folded along the box's row as two blocks of the
+// levels of doubled folds (the largest power of two in the width, placed
+// at the row's two ends, as RUNS meets a run).  Across rows, the band's
+// source rows are cut into segments of e1 rows from the band's first one,
+// and each row keeps the fold from its segment's first row to itself
+// (`prefix`) and from itself to its segment's last row (`suffix`).  The e1
+// rows an output row reads are the end of one segment and the start of
+// the next (or one whole segment): the suffix of the first row and the
+// prefix of the last.
+//
+// Every fold keeps the walk's order (the rows and samples the walk meets
+// first as the accumulator), so for integers and for floating rows without
+// NaN in reach the result is the walk's, -0 against +0 included; floating
+// rows with a NaN in reach walk the taps.
+#include "band_walk.h"
+#include "walk_schedule.h"
+
+using namespace Halide;
+
+namespace morph {
+
+void define_segments(BandWalks &b, const BandSite &s) {
+    const Strel &se = s.se;
+    const bool erode = s.w == Walk::Erode;
+    const Var &u = s.u, &wv = s.wv;
+    Var rho("rho"), band("band");
+    // Orders two folds: `first` of the samples the walk meets first.
+    auto ordered = [&](const Expr &first, const Expr &then) { return combine(s.w, first, then, s.el); };
+
+    // The box's row: the two blocks of level k that cover its e0 samples.
+    const Expr e0 = se.extent[0], a = -se.centre[0];
+    const Expr k = unsafe_promise_clamped(31 - count_leading_zeros(max(e0, 1)), 0, kRunLevels - 1);
+    const Expr p = 1 << k;
+    const Expr q1 = erode ? a : a + (p - 1), q2 = erode ? a + e0 - p : a + e0 - 1;
+    // The band's source rows: relative row rho of band `band` is the source
+    // row its first output row reads first, plus rho.
+    const Expr e1 = se.extent[1];
+    const Expr before = erode ? se.centre[1] : e1 - 1 - se.centre[1];
+    const Expr rows = kBandRows + e1 - 1;
+    const Expr v = clamp_row(s, s.row.first_row + band * kBandRows - before + rho);
+    const Expr row = ordered(b.levels(step(s.w, u, offset_of(q1, se, 0)), v, wv, k),
+                             b.levels(step(s.w, u, offset_of(q2, se, 0)), v, wv, k));
+    Func folded(s.name + "_segment_row");
+    folded(u, rho, wv, band) = row;
+
+    // Segments of e1 rows from relative row 0, each row's fold from its
+    // segment's start and to its segment's end.  Erosion meets lower rows
+    // first, dilation higher ones.
+    // (A segment's first row reads the row before it as well, and its last
+    // row the one after it, whose values the select drops: one row more of
+    // storage each way.)
+    b.prefix = Func(s.name + "_prefix");
+    b.prefix(u, rho, wv, band) = undef(s.el.storage);
+    b.prefix_r = RDom(0, rows, s.name + "_prefix_row");
+    const Expr r = b.prefix_r.x;
+    const Expr earlier = b.prefix(u, r - 1, wv, band), here = folded(u, r, wv, band);
+    b.prefix(u, r, wv, band) = select(r % e1 == 0, here, erode ? ordered(earlier, here) : ordered(here, earlier));
+
+    b.suffix = Func(s.name + "_suffix");
+    b.suffix(u, rho, wv, band) = undef(s.el.storage);
+    b.suffix_r = RDom(0, rows, s.name + "_suffix_row");
+    const Expr q = rows - 1 - b.suffix_r.x;
+    const Expr later = b.suffix(u, q + 1, wv, band), at = folded(u, q, wv, band);
+    b.suffix(u, q, wv, band) = select(q % e1 == e1 - 1 || q == rows - 1, at, erode ? ordered(at, later) : ordered(later, at));
+
+    // An output row's e1 rows: the suffix of the first, the prefix of the last.
+    const Expr out_band = (s.y - s.row.first_row) / kBandRows;
+    const Expr t = s.y - (s.row.first_row + out_band * kBandRows);
+    // (The box's one plane, through the offset's promise, so that a mask of
+    // no planes bounds nothing here.)
+    const Expr plane = step(s.w, s.z, offset_of(-se.centre[2], se, 2));
+    const Expr lower = b.suffix(s.x, t, plane, out_band), upper = b.prefix(s.x, t + e1 - 1, plane, out_band);
+    const Expr box = erode ? ordered(lower, upper) : ordered(upper, lower);
+    b.segments = Func(s.name + "_segments");
+    if (!s.el.is_float()) {
+        b.segments(s.x, s.y, s.z) = box;
+        return;
+    }
+    // Floating rows with a NaN in reach walk the taps.
+    b.segments(s.x, s.y, s.z) = select(b.dirty(s.y, s.z) == 0, box, s.init);
+    b.segments_taps_r = tap_domain(s, s.name + "_segments_tap");
+    b.segments_taps_r.where(b.dirty(s.y, s.z) != 0);
+    Func level0(s.name + "_segments_level0");
+    level0(u, s.v, wv) = b.levels(u, s.v, wv, 0);
+    b.segments(s.x, s.y, s.z) = combine(s.w, b.segments(s.x, s.y, s.z), tap_sample(level0, s, b.segments_taps_r), s.el);
+}
+
+void schedule_segments(const BandWalks &w, const BandSchedule &s) {
+    // The folds of the band's rows along the box's row, and their segments'
+    // folds, row by row over whole rows (the prefixes and suffixes run along
+    // the rows, so the rows are the outer loop); then each block of the
+    // output reads two of them.
+    for (auto f : {std::make_pair(w.prefix, w.prefix_r), std::make_pair(w.suffix, w.suffix_r)}) {
+        const Var u = f.first.args()[0];
+        f.first.compute_at(s.out, s.yb);
+        f.first.update().reorder(u, f.second.x).vectorize(u, s.lanes, TailStrategy::RoundUp);
+    }
+    Func seg = w.segments;
+    seg.compute_at(s.out, s.xo).vectorize(seg.args()[0], kBlockChunks * s.lanes);
+    if (w.dirty.defined()) block_fold(seg, 0, w.segments_taps_r, s);
+}
+
+}  // namespace morph
