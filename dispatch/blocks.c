@@ -1,14 +1,14 @@
 /* The runtime's default allocator, replaced by one that keeps working
- * blocks between the band tasks of a call and, up to a bound, between calls.
+ * blocks between the bands of a call and, up to a bound, between calls.
  *
- * Every band task allocates its rows (and their folds) when it starts and
- * frees them when it ends: hundreds of blocks of 0.1-10 MiB a call.  Blocks
+ * Every band allocates its rows (and their folds) when it starts and frees
+ * them when it ends: hundreds of blocks of 0.1-10 MiB a call.  Blocks
  * of that size are fresh pages more often than not (the C allocator maps
  * them anew, or trims its heap after they are freed), and a stage then
  * spends more time on page faults and cold caches than on its samples:
  * measured, a 4096 x 4096 uint8 erosion by a 15 x 15 disk took 58 ms with
  * fresh blocks and 9.6 ms with reused ones.  So freed blocks of at least
- * TM_KEEP_MIN bytes go to a small pool, and the next task of the call takes
+ * TM_KEEP_MIN bytes go to a small pool, and the next band of the call takes
  * the smallest one that fits; the block last freed by a thread is also the
  * one in its caches.
  *

@@ -7,12 +7,13 @@
  * stages/walk_schedule.h).  For a band walk the frame lists the mask's taps
  * as runs along dimension 0, in the walk's order, so that no task tests a
  * mask byte; a mask whose bytes are all 1 over its whole box goes through
- * the box walk, which folds rows and planes separately.
+ * the walks of boxes, which fold rows and planes separately.
  *
  * A band walk needs rows at least one chunk wide (every stage of the call;
- * rows narrower than a block walk blocks of one chunk), and its rows are
- * held per band task, so a mask with a very long reach across rows or
- * planes keeps the direct walk, as does a mask with more runs than the list
+ * rows narrower than a block walk blocks of one chunk of several rows), and
+ * a band holds its rows and their folds, so a mask with a very long reach
+ * across rows or planes keeps the direct walk (but for a box of one plane,
+ * which goes by segments), as does a mask with more runs than the list
  * holds. */
 #include "walk_plan.h"
 
@@ -23,7 +24,7 @@
 #include "tm_lanes.h"
 #include "walks.h"
 
-/* Above this many bytes of rows per band task the direct walk is kept. */
+/* Above this many bytes of rows and folds per band the direct walk is kept. */
 #define TM_MAX_BAND_BYTES ((int64_t)64 << 20)
 /* Floating boxes of at most this many taps are walked by taps. */
 #define TM_FLOAT_TAPS_BEFORE_FOLD 9
@@ -145,7 +146,7 @@ static int32_t choose(const tm_entry *e, const tm_view v[TM_NARGS], int wide, in
      * for the list the call is walked directly. */
     const int fits = count <= TM_MAX_RUNS;
     if (fits && !list_runs(se, ext, c, count, p)) return TM_WALK_DIRECT;
-    /* What a band task holds: the rows of its band and the reach in every
+    /* What a band holds: the rows of its band and the reach in every
      * plane the mask reaches, a few times over (the rows, their folds), and
      * the levels besides for the walks by doubled folds. */
     const int64_t width = max64(v[TM_OUT].extent[0], stage_width) + ext[0] + block + ((int64_t)1 << TM_RUN_LEVELS);

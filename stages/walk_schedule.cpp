@@ -75,8 +75,9 @@ namespace {
 
 // Band tasks: y split into bands and the bands into band tasks; the tasks
 // in parallel, a task's bands and a band's rows in order; blocks of K
-// chunks along x, or of one chunk on rows narrower than a block (the walks'
-// and folds' own schedules follow the same test).
+// chunks along x, or on rows narrower than a block blocks of one chunk of
+// kGroupRows rows (the walks that take such rows have Funcs of their own
+// for them).
 void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
     Var x = out.args()[0], y = out.args()[1];
     Var xo("xo"), xi("xi"), yo("yo"), yb("yb"), yi("yi");

@@ -688,16 +688,17 @@ static void judge_output(const call_plan *c, storage *s) {
  * every row of the output is visited, empty or not, and every sample walks
  * the whole mask; a two-stage operator does the same first over its
  * intermediate, which reaches beyond the output by the mask (and by a
- * vector in dimension 0).  A plane also costs its band tasks' working
- * blocks, which come from this harness's allocator between inaccessible
- * pages (system calls and fresh pages each time): measured, about 0.3 ms a
+ * vector in dimension 0).  A band of 64 rows also costs its working blocks,
+ * which come from this harness's allocator between inaccessible pages
+ * (system calls and fresh pages each time): measured, about 0.3 ms a
  * plane, so a volume of 64770 planes of 3 rows took 20 s while its loops
  * were well inside the budget.  Calls above a budget are skipped, so that a
  * timeout means time out of proportion to this. */
-enum { PLANE_COST = 4096 };
+enum { BAND_COST = 4096, BAND_ROWS = 64 };
 static __int128 loops(const int32_t n[3], __int128 mask) {
     const __int128 planes = n[2] > 0 ? n[2] : 0, rows = planes * (n[1] > 0 ? n[1] : 0);
-    return planes * PLANE_COST + rows + rows * (n[0] > 0 ? n[0] : 0) * mask;
+    const __int128 bands = planes * (((n[1] > 0 ? n[1] : 0) + BAND_ROWS - 1) / BAND_ROWS + 1);
+    return bands * BAND_COST + rows + rows * (n[0] > 0 ? n[0] : 0) * mask;
 }
 
 static __int128 work(const call_plan *c) {
