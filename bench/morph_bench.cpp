@@ -23,9 +23,9 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <malloc.h>
 #include <cstring>
 #include <algorithm>
+#include <atomic>
 #include <map>
 #include <memory>
 #include <set>
@@ -283,26 +283,28 @@ std::string compare(const Case &c, const Volume &ours, const Volume &peer) {
 
 int g_mismatches = 0;
 
-// Resident memory of the process from /proc: the current size and the peak
-// since the last reset (writing 5 to clear_refs resets the peak).  A case's
-// working memory is its peak less what was resident before it: the blocks
-// its tasks take, and an intermediate; the images are made beforehand.
-long proc_kib(const char *field) {
-    FILE *f = std::fopen("/proc/self/status", "r");
-    if (!f) return -1;
-    char line[256];
-    long v = -1;
-    const size_t n = std::strlen(field);
-    while (std::fgets(line, sizeof line, f))
-        if (!std::strncmp(line, field, n)) v = std::strtol(line + n, nullptr, 10);
-    std::fclose(f);
-    return v;
-}
-void reset_peak() {
-    if (FILE *f = std::fopen("/proc/self/clear_refs", "w")) {
-        std::fputs("5", f);
-        std::fclose(f);
+// A case's working memory: the peak of what the library holds from the
+// runtime's allocator during one call (its bands' blocks, and an
+// intermediate).  The check call runs with this counting allocator in
+// place of the library's own, which keeps freed blocks between calls and
+// so would show nothing new resident for a case run after a larger one.
+constexpr size_t kCountAlign = 128;  // at least the runtime's alignment
+std::atomic<size_t> g_held{0}, g_peak{0};
+void *counting_malloc(void *, size_t size) {
+    void *raw = std::aligned_alloc(kCountAlign, (size + 2 * kCountAlign - 1) / kCountAlign * kCountAlign);
+    if (!raw) return nullptr;
+    *static_cast<size_t *>(raw) = size;
+    const size_t held = g_held += size;
+    size_t peak = g_peak.load();
+    while (held > peak && !g_peak.compare_exchange_weak(peak, held)) {
     }
+    return static_cast<char *>(raw) + kCountAlign;
+}
+void counting_free(void *, void *p) {
+    if (!p) return;
+    void *raw = static_cast<char *>(p) - kCountAlign;
+    g_held -= *static_cast<size_t *>(raw);
+    std::free(raw);
 }
 
 void set_counters(benchmark::State &st, const Case &c) {
@@ -334,13 +336,17 @@ void run_ours(benchmark::State &st, Case c, EntryFn fn, int threads) {
     se.dim = se_dim;
     halide_buffer_t src = in.buf;  // the library takes non-const descriptors
 
-    // The check, which is also the warm-up call; its working memory is
-    // the case's.
-    malloc_trim(0);  // what earlier cases freed is not counted as resident
-    const long before = proc_kib("VmRSS:");
-    reset_peak();
+    // The check, whose working memory is the case's, then a warm-up call
+    // with the library's own allocator.
+    g_held = 0;
+    g_peak = 0;
+    halide_malloc_t own_malloc = halide_set_custom_malloc(counting_malloc);
+    halide_free_t own_free = halide_set_custom_free(counting_free);
     int status = fn(&src, &mm, &se, &out.buf);
-    const long peak = proc_kib("VmHWM:");
+    halide_set_custom_malloc(own_malloc);
+    halide_set_custom_free(own_free);
+    const size_t peak = g_peak;
+    if (status == 0) status = fn(&src, &mm, &se, &out.buf);
     std::string diff = status != 0 ? "entry point returned " + std::to_string(status) : compare(c, out, ref);
     if (!diff.empty()) {
         st.SkipWithError(diff.c_str());
@@ -352,7 +358,7 @@ void run_ours(benchmark::State &st, Case c, EntryFn fn, int threads) {
         benchmark::ClobberMemory();
     }
     set_counters(st, c);
-    if (before >= 0 && peak >= before) st.counters["work_MiB"] = double(peak - before) / 1024.0;
+    st.counters["work_MiB"] = double(peak) / double(1 << 20);
 }
 
 // OpenCV timed as is (`stripes` 1), or cut into bands of rows (see

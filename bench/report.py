@@ -82,8 +82,10 @@ def targets(runs, best, threads_all):
               limit)
 
     # 1. Row widths on about 4 M samples.
+    # (the shapes of about 4 M samples that erosion by the widths' disks ran on)
     widths = sorted({r["shape"] for r in runs.values() if r["shape"].endswith("x%d" % ((4 << 20) // int(
-        r["shape"].split("x")[0]))) and r["shape"].count("x") == 1}, key=lambda s: int(s.split("x")[0]))
+        r["shape"].split("x")[0]))) and r["shape"].count("x") == 1 and r["op"] == "imerode"
+        and r["element"] in ("disk5", "disk15")}, key=lambda s: int(s.split("x")[0]))
     for typ in ("uint8", "float32"):
         for element in ("disk5", "disk15"):
             wide = [s for s in widths if s.startswith("4096x")]
@@ -252,13 +254,15 @@ def write_curves(runs, best, dat_path):
         who = "ours" if r["level"] == best else "OpenCV"
         ns = r["seconds"] * 1e9 / r["samples"]
         el = r["element"]
-        if r["shape"] == "4096x4096" and (el.startswith("square") or el.startswith("disk")):
+        # Series in pairs, OpenCV's then ours, which the plot draws in one
+        # colour each (OpenCV's dashed).
+        if r["shape"] == "4096x4096" and r["type"] != "int16" and (el.startswith("square") or el.startswith("disk")):
             kind = "square" if el.startswith("square") else "disk"
-            sizes.setdefault("%s %s %s" % (who, r["type"], kind), []).append((int(el[len(kind):]), ns))
+            sizes.setdefault("%s %s: %s" % (r["type"], kind, who), []).append((int(el[len(kind):]), ns))
         parts = r["shape"].split("x")
         # The same rows as the widths' targets: h = 4 Mi // w (48 x 87381 too).
         if len(parts) == 2 and int(parts[1]) == (4 << 20) // int(parts[0]) and el in ("disk5", "disk15"):
-            widths.setdefault("%s %s %s" % (who, r["type"], el), []).append((int(parts[0]), ns))
+            widths.setdefault("%s %s: %s" % (r["type"], el, who), []).append((int(parts[0]), ns))
     stem = dat_path.rsplit(".", 1)[0]
     series_file(stem + "_sizes.dat", sizes)
     series_file(stem + "_widths.dat", widths)

@@ -32,6 +32,15 @@ echo
 
 python3 "$here/report.py" "$out/bench.json" "$out/report.md" "$out/taps.dat" >/dev/null || status=1
 
+# OpenCV's series and ours alternate in the curves' data: one colour a pair,
+# OpenCV's dashed with open points.
+pair_styles() {
+    local n=$1 colors=("#1f77b4" "#d62728" "#2ca02c" "#9467bd" "#ff7f0e" "#17becf" "#8c564b" "#e377c2")
+    for ((i = 0; i < n; i++)); do
+        echo "set style line $((i + 1)) lc rgb '${colors[$(((i / 2) % 8))]}' dt $((i % 2 == 0 ? 2 : 1)) lw 1.5 pt $((i % 2 == 0 ? 6 : 7)) ps 1.2"
+    done
+}
+
 if command -v gnuplot >/dev/null; then
     series=$(grep -c '^"' "$out/taps.dat" || true)
     gnuplot <<GP
@@ -66,7 +75,8 @@ set ylabel "ns per output sample"
 set logscale xy
 set grid
 set key outside right
-plot for [i=0:$((n - 1))] "$dat" index i using 1:2 with linespoints pointsize 1.2 title columnheader(1)
+$(pair_styles "$n")
+plot for [i=0:$((n - 1))] "$dat" index i using 1:2 with linespoints ls (i + 1) title columnheader(1)
 GP
     done
     echo "report: $out/report.md, plots: $out/taps.png $out/sizes.png $out/widths.png"
