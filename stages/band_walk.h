@@ -72,6 +72,16 @@ inline Halide::Expr source_row(const BandSite &s, const Halide::Expr &r) { retur
 Halide::RDom write_rows(const Source &src, Halide::Func f, const std::vector<Halide::Expr> &more,
                         const Halide::Var &u, const Halide::Var &v, const Halide::Var &wv, const std::string &name);
 
+// The two blocks of the levels that cover a run of l taps whose first
+// offset r0 is a (RUNS, and SEGMENTS for the box's row): level k, the
+// largest power of two p = 2^k in l, and the offsets in source order of
+// the blocks' first samples.  Erosion reads x + r0, so a block starts at
+// its least r0; dilation reads x - r0, so at its greatest.
+struct TwoBlocks {
+    Halide::Expr level, first, second;
+};
+TwoBlocks two_blocks(Walk w, const Halide::Expr &a, const Halide::Expr &l);
+
 // The mask's taps as a reduction domain over its runs (t.y the run, t.x the
 // tap in it), in the walk's order, and the source sample a tap reads: the
 // tap walk, and the fallback of the walks that fold for floating rows with

@@ -125,6 +125,13 @@ RDom write_rows(const Source &src, Func f, const std::vector<Expr> &more, const 
     return copy;
 }
 
+TwoBlocks two_blocks(Walk w, const Expr &a, const Expr &l) {
+    const Expr k = unsafe_promise_clamped(31 - count_leading_zeros(max(l, 1)), 0, kRunLevels - 1);
+    const Expr p = 1 << k;
+    if (w == Walk::Erode) return {k, a, a + l - p};
+    return {k, a + (p - 1), a + l - 1};
+}
+
 RDom tap_domain(const BandSite &s, const std::string &name) {
     RDom t(0, s.runs.longest, 0, s.runs.count, name);
     t.where(t.x < s.runs.list(1, t.y));
@@ -183,6 +190,9 @@ void define_levels(BandWalks &b, const BandSite &s) {
         b.levels(at, v, wv, level) = s.w == Walk::Erode ? combine(s.w, lo, hi, s.el) : combine(s.w, hi, lo, s.el);
         b.level_r.push_back(r);
     }
+    // Level 0 as a Func of the row alone, for the walks' taps.
+    b.level0 = Func(s.name + "_level0");
+    b.level0(u, v, wv) = b.levels(u, v, wv, 0);
 }
 
 // The source rows that hold a NaN, inside the domain, and the output rows

@@ -169,8 +169,8 @@ struct BandWalks {
     // block `runs_rows` over `runs_rows_r`, integer types only).  Floating
     // rows with a NaN in reach go by taps (the second update of
     // `runs_walk`, over `runs_taps_r`).
-    Halide::Func levels;
-    Halide::RDom level_copy;  // level 0, where the source has a pad
+    Halide::Func levels, level0;  // level0: level 0 alone, for the taps
+    Halide::RDom level_copy;      // level 0, where the source has a pad
     std::vector<Halide::RDom> level_r;
     Halide::Func runs_walk, runs_rows;
     Halide::RDom runs_r, runs_rows_r, runs_taps_r;

@@ -30,18 +30,11 @@ Func runs_walk(const BandWalks &b, const BandSite &s, const std::string &name, R
     const Runs &runs = s.runs;
     g = RDom(0, runs.count, name + "_run");
     if (clean.defined()) g.where(clean);
-    Expr a = runs.list(0, g.x), l = runs.list(1, g.x);
-    Expr k = unsafe_promise_clamped(31 - count_leading_zeros(max(l, 1)), 0, kRunLevels - 1);
-    Expr p = 1 << k;
-    // The offsets r0 of the two blocks' first samples in source order:
-    // erosion reads x + r0, so a block starts at its least r0; dilation
-    // reads x - r0, so at its greatest.
-    Expr q1 = s.w == Walk::Erode ? a : a + (p - 1);
-    Expr q2 = s.w == Walk::Erode ? a + l - p : a + l - 1;
+    const TwoBlocks q = two_blocks(s.w, runs.list(0, g.x), runs.list(1, g.x));
     Expr ry = source_row(s, offset_of(runs.list(2, g.x), s.se, 1));
     Expr rz = step(s.w, s.z, offset_of(runs.list(3, g.x), s.se, 2));
-    Expr first = b.levels(step(s.w, s.x, offset_of(q1, s.se, 0)), ry, rz, k);
-    Expr second = b.levels(step(s.w, s.x, offset_of(q2, s.se, 0)), ry, rz, k);
+    Expr first = b.levels(step(s.w, s.x, offset_of(q.first, s.se, 0)), ry, rz, q.level);
+    Expr second = b.levels(step(s.w, s.x, offset_of(q.second, s.se, 0)), ry, rz, q.level);
     Func f(name);
     f(s.x, s.y, s.z) = s.init;
     f(s.x, s.y, s.z) = combine(s.w, f(s.x, s.y, s.z), combine(s.w, first, second, s.el), s.el);
@@ -51,7 +44,6 @@ Func runs_walk(const BandWalks &b, const BandSite &s, const std::string &name, R
 }  // namespace
 
 void define_runs(BandWalks &b, const BandSite &s) {
-    const Var &u = s.u, &v = s.v, &wv = s.wv;
     if (!s.el.is_float()) {
         b.runs_walk = runs_walk(b, s, s.name + "_runs", b.runs_r, Expr());
         b.runs_rows = runs_walk(b, s, s.name + "_runs_rows", b.runs_rows_r, Expr());
@@ -63,9 +55,7 @@ void define_runs(BandWalks &b, const BandSite &s) {
     b.runs_walk = runs_walk(b, s, s.name + "_runs", b.runs_r, b.dirty(s.y, s.z) == 0);
     b.runs_taps_r = tap_domain(s, s.name + "_runs_tap");
     b.runs_taps_r.where(b.dirty(s.y, s.z) != 0);
-    Func level0(s.name + "_level0");
-    level0(u, v, wv) = b.levels(u, v, wv, 0);
-    b.runs_walk(s.x, s.y, s.z) = combine(s.w, b.runs_walk(s.x, s.y, s.z), tap_sample(level0, s, b.runs_taps_r), s.el);
+    b.runs_walk(s.x, s.y, s.z) = combine(s.w, b.runs_walk(s.x, s.y, s.z), tap_sample(b.level0, s, b.runs_taps_r), s.el);
 }
 
 void schedule_runs(const BandWalks &w, const BandSchedule &s) {

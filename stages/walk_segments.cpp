@@ -30,18 +30,15 @@ void define_segments(BandWalks &b, const BandSite &s) {
     auto ordered = [&](const Expr &first, const Expr &then) { return combine(s.w, first, then, s.el); };
 
     // The box's row: the two blocks of level k that cover its e0 samples.
-    const Expr e0 = se.extent[0], a = -se.centre[0];
-    const Expr k = unsafe_promise_clamped(31 - count_leading_zeros(max(e0, 1)), 0, kRunLevels - 1);
-    const Expr p = 1 << k;
-    const Expr q1 = erode ? a : a + (p - 1), q2 = erode ? a + e0 - p : a + e0 - 1;
+    const TwoBlocks blocks = two_blocks(s.w, -se.centre[0], se.extent[0]);
     // The band's source rows: relative row rho of band `band` is the source
     // row its first output row reads first, plus rho.
     const Expr e1 = se.extent[1];
     const Expr before = erode ? se.centre[1] : e1 - 1 - se.centre[1];
     const Expr rows = kBandRows + e1 - 1;
     const Expr v = clamp_row(s, s.row.first_row + band * kBandRows - before + rho);
-    const Expr row = ordered(b.levels(step(s.w, u, offset_of(q1, se, 0)), v, wv, k),
-                             b.levels(step(s.w, u, offset_of(q2, se, 0)), v, wv, k));
+    const Expr row = ordered(b.levels(step(s.w, u, offset_of(blocks.first, se, 0)), v, wv, blocks.level),
+                             b.levels(step(s.w, u, offset_of(blocks.second, se, 0)), v, wv, blocks.level));
     Func folded(s.name + "_segment_row");
     folded(u, rho, wv, band) = row;
 
@@ -82,9 +79,7 @@ void define_segments(BandWalks &b, const BandSite &s) {
     b.segments(s.x, s.y, s.z) = select(b.dirty(s.y, s.z) == 0, box, s.init);
     b.segments_taps_r = tap_domain(s, s.name + "_segments_tap");
     b.segments_taps_r.where(b.dirty(s.y, s.z) != 0);
-    Func level0(s.name + "_segments_level0");
-    level0(u, s.v, wv) = b.levels(u, s.v, wv, 0);
-    b.segments(s.x, s.y, s.z) = combine(s.w, b.segments(s.x, s.y, s.z), tap_sample(level0, s, b.segments_taps_r), s.el);
+    b.segments(s.x, s.y, s.z) = combine(s.w, b.segments(s.x, s.y, s.z), tap_sample(b.level0, s, b.segments_taps_r), s.el);
 }
 
 void schedule_segments(const BandWalks &w, const BandSchedule &s) {
