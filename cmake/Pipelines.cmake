@@ -49,7 +49,7 @@ set(_prototypes "")
 # exports.c calls each pipeline through the header Halide generates beside
 # it, so that an argument list that differs from the frame's call does not
 # compile.
-set(_exports_c "/* Generated from the list of entry points: one thin export per pipeline, and its adapter from the frame's call to the compiled pipeline. */\n#include <stdbool.h>\n\n#include \"frame.h\"\n#include \"tm_lanes.h\"\n\n#define TM_WINDOW(c) (c)->window_min[0], (c)->window_min[1], (c)->window_min[2], (c)->window_extent[0], (c)->window_extent[1], (c)->window_extent[2]\n#define TM_BANDS(c) (c)->walk, (c)->tap_runs, (c)->longest_run\n#define TM_ROWS(c) (c)->out->dim[0].min, (c)->out->dim[0].extent, (c)->out->dim[1].min, (c)->stage ? (c)->stage->dim[0].min : 0, (c)->stage ? (c)->stage->dim[0].extent : 0, (c)->stage ? (c)->stage->dim[1].min : 0\n\n")
+set(_exports_c "/* Generated from the list of entry points: one thin export per pipeline, and its adapter from the frame's call to the compiled pipeline. */\n#include <stdbool.h>\n\n#include \"frame.h\"\n#include \"tm_lanes.h\"\n\n#define TM_WINDOW(c) (c)->window_min[0], (c)->window_min[1], (c)->window_min[2], (c)->window_extent[0], (c)->window_extent[1], (c)->window_extent[2]\n#define TM_BANDS(c) (c)->walk, (c)->tap_runs, (c)->longest_run\n#define TM_ROWS(b) (b)->dim[0].min, (b)->dim[0].extent, (b)->dim[1].min\n\n")
 set(_version "{\n  global:\n")
 foreach (op IN LISTS TM_OPERATORS)
     set(out "${TM_OUTPUT_${op}}")
@@ -68,30 +68,51 @@ foreach (op IN LISTS TM_OPERATORS)
             if (TM_ONLY AND NOT name MATCHES "${TM_ONLY}")
                 continue()
             endif ()
-            string(REPLACE "-" ";" features "${TM_FEATURES_${l}}")
             set(stage "${TM_STAGE_${op}}")
-            set(params keyimForType.type=${ht} ${out}.type=${ht} boolean=${is_bool})
-            if (stage STREQUAL "none")
-                set(stage_pass "")
-            else ()
-                list(APPEND params ${stage}.type=${ht})
-                set(stage_pass ", c->stage")
+            # A two-stage operator's pipeline is its second stage; its first
+            # is the one-stage pipeline named after the intermediate, built
+            # here whether or not a development build exports it.
+            set(pipelines ${op})
+            if (NOT stage STREQUAL "none")
+                list(PREPEND pipelines ${stage})
             endif ()
-            add_halide_library(tm_${name} FROM tm_generator
-                               GENERATOR ${op}
-                               TARGETS ${TM_ARCH_OS}
-                               FEATURES ${features}
-                               USE_RUNTIME tm_runtime
-                               PARAMS ${params})
-            list(APPEND TM_PIPELINE_LIBS tm_${name})
+            foreach (p IN LISTS pipelines)
+                if (TARGET tm_${p}_${t}_${l})
+                    continue()
+                endif ()
+                set(params keyimForType.type=${ht} ${TM_OUTPUT_${p}}.type=${ht} boolean=${is_bool})
+                if (NOT TM_STAGE_${p} STREQUAL "none")
+                    list(APPEND params ${TM_STAGE_${p}}.type=${ht})
+                endif ()
+                string(REPLACE "-" ";" features "${TM_FEATURES_${l}}")
+                add_halide_library(tm_${p}_${t}_${l} FROM tm_generator
+                                   GENERATOR ${p}
+                                   TARGETS ${TM_ARCH_OS}
+                                   FEATURES ${features}
+                                   USE_RUNTIME tm_runtime
+                                   PARAMS ${params})
+                list(APPEND TM_PIPELINE_LIBS tm_${p}_${t}_${l})
+                string(APPEND _exports_c "#include \"tm_${p}_${t}_${l}.h\"\n")
+            endforeach ()
             string(APPEND _prototypes
                    "int ${name}(halide_buffer_t *keyimForType, halide_buffer_t *minmax, halide_buffer_t *strel, halide_buffer_t *${out});\n")
+            if (stage STREQUAL "none")
+                set(first NULL)
+                string(APPEND _exports_c
+                       "static int run_${name}(const tm_call *c) {\n"
+                       "    return tm_${name}(c->keyimForType, c->minmax, c->strel, c->wide != 0, TM_WINDOW(c), TM_BANDS(c), TM_ROWS(c->out), c->out);\n}\n")
+            else ()
+                # The first stage writes the intermediate as its output.
+                set(first first_${name})
+                string(APPEND _exports_c
+                       "static int first_${name}(const tm_call *c) {\n"
+                       "    return tm_${stage}_${t}_${l}(c->keyimForType, c->minmax, c->strel, c->wide != 0, TM_WINDOW(c), TM_BANDS(c), TM_ROWS(c->stage), c->stage);\n}\n"
+                       "static int run_${name}(const tm_call *c) {\n"
+                       "    return tm_${name}(c->keyimForType, c->minmax, c->strel, c->wide != 0, TM_WINDOW(c), TM_BANDS(c), TM_ROWS(c->out), c->stage, c->out);\n}\n")
+            endif ()
             string(APPEND _exports_c
-                   "#include \"tm_${name}.h\"\n"
-                   "static int run_${name}(const tm_call *c) {\n"
-                   "    return tm_${name}(c->keyimForType, c->minmax, c->strel, c->wide != 0, TM_WINDOW(c), TM_BANDS(c), TM_ROWS(c), c->out${stage_pass});\n}\n"
                    "__attribute__((visibility(\"default\"))) int ${name}(halide_buffer_t *keyimForType, halide_buffer_t *minmax, halide_buffer_t *strel, halide_buffer_t *${out}) {\n"
-                   "    static const tm_entry e = {TM_OP_${op}, ${code}, ${bits}, ${bytes}, TM_LANES_${t}_${l}, run_${name}};\n"
+                   "    static const tm_entry e = {TM_OP_${op}, ${code}, ${bits}, ${bytes}, TM_LANES_${t}_${l}, run_${name}, ${first}};\n"
                    "    return tm_frame(&e, keyimForType, minmax, strel, ${out});\n}\n\n")
             string(APPEND _version "    ${name};\n")
         endforeach ()

@@ -73,14 +73,18 @@ typedef struct tm_call {
 typedef int (*tm_run_fn)(const tm_call *c);
 
 /* One export: its operator, element type and lane count, and the Halide
- * pipeline (compiled under an internal name) that does the work. */
+ * pipelines (compiled under internal names) that do the work: `run` the
+ * operator's (of a two-stage operator its second stage, over the
+ * intermediate), `first` a two-stage operator's first stage, the erosion
+ * or dilation pipeline of the same type and level computed into the
+ * intermediate (NULL for one stage). */
 typedef struct {
     tm_operator op;
     uint8_t code; /* element type as the caller declares it */
     uint8_t bits;
     int32_t bytes; /* storage of one element */
     int32_t lanes; /* L */
-    tm_run_fn run;
+    tm_run_fn run, first;
 } tm_entry;
 
 /* What the frame reads of one descriptor, once, at entry. */

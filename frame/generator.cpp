@@ -4,10 +4,13 @@
 // boolean image is handed to the pipeline as bytes and counted by bit 0, so
 // the pipeline's own image and output buffers are uint8 for it.
 //
-// A two-stage operator's intermediate is a fifth buffer, named after its
-// stage: the entry point sizes, allocates and frees it (one block of the
-// box plus one element), and the pipeline fills it in stage 1 and reads it
-// in stage 2.
+// A two-stage operator's pipeline is its second stage alone: its
+// intermediate is a fifth buffer, named after its first stage, which the
+// entry point sizes, allocates and frees (one block of the box plus one
+// element) and fills first by the erosion or dilation pipeline of the same
+// type and level, computed over the box.  So the first stage is one piece
+// of code with the one-stage operator's, and generated once, not once more
+// inside each of the four operators that begin with it.
 //
 // The entry point also hands over what it decided for the call, so that
 // the pipeline never decides it again on its own: the branch (`wide`) and
@@ -47,13 +50,10 @@ public:
     typename Base::template Input<int32_t> walk{"walk"};
     typename Base::template Input<Buffer<int32_t>> tap_runs{"tap_runs", 2};
     typename Base::template Input<int32_t> longest_run{"longest_run"};
-    // The output's rows and the intermediate's (two-stage operators): the
-    // first sample and the width of a row, and the first row, as the entry
-    // point describes their buffers.  The band walks size what they keep
-    // per band by them.
+    // The output's rows: the first sample and the width of a row, and the
+    // first row, as the entry point describes the buffer.  The band walks
+    // size what they keep per band by them.
     typename Base::template Input<int32_t> out_min_0{"out_min_0"}, out_extent_0{"out_extent_0"}, out_min_1{"out_min_1"};
-    typename Base::template Input<int32_t> stage_min_0{"stage_min_0"}, stage_extent_0{"stage_extent_0"},
-        stage_min_1{"stage_min_1"};
     typename Base::template Output<Buffer<>> out{output_name(), 3};
 
     static const char *output_name() {
@@ -91,28 +91,39 @@ public:
         tap_runs.dim(0).set_min(0).set_extent(kRunFields).set_stride(1);
         tap_runs.dim(1).set_min(0).set_stride(kRunFields);
         s.runs = Runs{tap_runs, tap_runs.dim(1).extent(), longest_run};
-        s.rows[0] = StageRow{out_min_0, out_extent_0, out_min_1, Expr()};
-        s.rows[1] = StageRow{stage_min_0, stage_extent_0, stage_min_1, Expr()};
+        s.row = StageRow{out_min_0, out_extent_0, out_min_1, Expr()};
         s.image = keyimForType;
         s.lower = minmax(0, 0);
         s.upper = minmax(1, 0);
-        build(op, s, out, static_cast<Self *>(this)->stage_output());
+        static_cast<Self *>(this)->intermediate(s);
+        build(op, s, out);
     }
 };
 
 template<Op op>
 class Morphology : public Operator<op, Morphology<op>> {
 public:
-    Func stage_output() { return Func(); }
+    void intermediate(Sources &) {}
 };
 
+// The second stage of a two-stage operator, over the intermediate its
+// first stage stored.
 template<Op op>
 class TwoStage : public Operator<op, TwoStage<op>> {
     using Base = Generator<TwoStage<op>>;
 
 public:
-    typename Base::template Output<Buffer<>> stage{op == Op::Open || op == Op::TopHat ? "imerode" : "imdilate", 3};
-    Func stage_output() { return stage; }
+    typename Base::template Input<Buffer<>> stage{op == Op::Open || op == Op::TopHat ? "imerode" : "imdilate", 3};
+
+    void intermediate(Sources &s) {
+        Var u("u"), v("v"), w("w");
+        s.stage = Func(stage.name() + "_stored");
+        s.stage(u, v, w) = stage(u, v, w);
+        for (int d = 0; d < 3; d++) {
+            s.stage_min[d] = stage.dim(d).min();
+            s.stage_extent[d] = stage.dim(d).extent();
+        }
+    }
 };
 
 }  // namespace morph

@@ -79,7 +79,10 @@ int tm_run_pipeline(const tm_entry *e, const tm_view v[TM_NARGS]) {
     } else if (runs) {
         tm_hand_walk(e, v, &p, block, &h);
         advise_huge_pages(block, bytes);
-        status = e->run(&h.call);
+        /* The first stage fills the whole intermediate before the second
+         * reads any of it; a failed first stage skips the second. */
+        if (e->first) status = e->first(&h.call);
+        if (status == 0) status = e->run(&h.call);
         tm_hand_release(&h);
     }
     /* The runtime's free takes no null pointer. */

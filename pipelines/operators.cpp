@@ -13,11 +13,6 @@ const std::vector<Var> &output_vars() {
     return v;
 }
 
-const std::vector<Var> &image_vars() {
-    static const std::vector<Var> v = {Var("u"), Var("v"), Var("w")};
-    return v;
-}
-
 // The image padded with `pad` outside its own domain.
 Func padded_image(const Sources &s, const Expr &pad) {
     return padded(image_samples(s.image, s.el), s.im_min, s.im_extent, pad, "padded");
@@ -42,10 +37,11 @@ struct StageWalk {
 };
 
 StageWalk stage_walk(Walk w, const Sources &s, const Func &padded_source, const Source &src,
-                     const std::string &name, const std::vector<Var> &at, int row) {
+                     const std::string &name) {
+    const std::vector<Var> &at = output_vars();
     StageWalk sw;
     sw.direct = element_walk(w, padded_source, s.se, s.el, name, at);
-    StageRow stage_row = s.rows[row];
+    StageRow stage_row = s.row;
     stage_row.narrow = stage_row.extent < kBlockChunks * s.branch.lanes;
     sw.bands = band_walks(w, src, s.se, s.runs, s.el, name, at, stage_row);
     const Var &x = at[0], &y = at[1], &z = at[2];
@@ -64,79 +60,64 @@ StageWalk stage_walk(Walk w, const Sources &s, const Func &padded_source, const 
 
 void finish_stage(StageWalk &sw, const Sources &s, Func of) { schedule_stage(of, sw.direct, s.branch, &sw.bands); }
 
-// Stage 1 of a two-stage operator: a walk over the padded image, stored
-// whole in the intermediate buffer.  The entry point sizes that buffer to
-// exactly what stage 2 reads (in the wide branch at least one chunk wide),
-// and the pipeline's own checks confirm that it covers it.
-Func stored_stage(Walk w, const Sources &s, const Expr &pad, Func stage) {
-    const std::vector<Var> &at = image_vars();
-    StageWalk sw = stage_walk(w, s, padded_image(s, pad), image_source(s, pad), stage.name() + "_chunk", at, 1);
-    stage(at[0], at[1], at[2]) = sw.value;
-    finish_stage(sw, s, stage);
-    return stage;
-}
-
 // Opening's window comes from the entry point, which places it (from 0,
 // whatever the image's mins, and bounded in dimension 2 by the image's
 // extent in dimension 1 for imopen, in dimension 2 for imtophat) and cuts
 // it to the intermediate's box.
-StageWalk opening_walk(const Sources &s, Func stage) {
-    Func imerode = stored_stage(Walk::Erode, s, pad_cast(s.upper, s.el), stage);
+StageWalk opening_walk(const Sources &s) {
     Expr lo = pad_cast(s.lower, s.el);
-    Func q = padded(imerode, s.window_min, s.window_extent, lo, "window", true);
+    Func q = padded(s.stage, s.window_min, s.window_extent, lo, "window", true);
     // The band walks copy the window's rows.  The entry point keeps the
     // window inside the intermediate's box whenever the element has taps;
     // without taps it may reach beyond, but then no band walk runs, and the
     // copy is kept to the box all the same.
     Source src;
-    src.f = imerode;
+    src.f = s.stage;
     for (int d = 0; d < 3; d++) {
-        Expr box_min = imerode.output_buffer().dim(d).min();
-        Expr box_last = box_min + imerode.output_buffer().dim(d).extent() - 1;
-        Expr first = max(s.window_min[d], box_min);
+        Expr box_last = s.stage_min[d] + s.stage_extent[d] - 1;
+        Expr first = max(s.window_min[d], s.stage_min[d]);
         Expr last = min(s.window_min[d] + s.window_extent[d] - 1, box_last);
         src.min[d] = first;
         src.extent[d] = max(last - first + 1, 0);
     }
     src.pad = lo;
-    return stage_walk(Walk::Dilate, s, q, src, "imdilate", output_vars(), 0);
+    return stage_walk(Walk::Dilate, s, q, src, "imdilate");
 }
 
 // Closing's intermediate reaches as far as stage 2 reads, unclipped, so the
 // second walk needs no test at all, and its band walks read the
 // intermediate's rows as they are.
-StageWalk closing_walk(const Sources &s, Func stage) {
-    Func imdilate = stored_stage(Walk::Dilate, s, pad_cast(s.lower, s.el), stage);
+StageWalk closing_walk(const Sources &s) {
     Source src;
-    src.f = imdilate;
+    src.f = s.stage;
     for (int d = 0; d < 3; d++) {
-        src.min[d] = imdilate.output_buffer().dim(d).min();
-        src.extent[d] = imdilate.output_buffer().dim(d).extent();
+        src.min[d] = s.stage_min[d];
+        src.extent[d] = s.stage_extent[d];
     }
-    return stage_walk(Walk::Erode, s, imdilate, src, "imerode", output_vars(), 0);
+    return stage_walk(Walk::Erode, s, s.stage, src, "imerode");
 }
 
 }  // namespace
 
-void build(Op op, const Sources &s, Func out, Func stage) {
+void build(Op op, const Sources &s, Func out) {
     const std::vector<Var> &xyz = output_vars();
     const Var &x = xyz[0], &y = xyz[1], &z = xyz[2];
     StageWalk sw;
     switch (op) {
     case Op::Erode: {
         Expr pad = pad_cast(s.upper, s.el);
-        sw = stage_walk(Walk::Erode, s, padded_image(s, pad), image_source(s, pad), "imerode", xyz, 0);
+        sw = stage_walk(Walk::Erode, s, padded_image(s, pad), image_source(s, pad), "imerode");
         break;
     }
     case Op::Dilate: {
         Expr pad = pad_cast(s.lower, s.el);
-        sw = stage_walk(Walk::Dilate, s, padded_image(s, pad), image_source(s, pad), "imdilate", xyz, 0);
+        sw = stage_walk(Walk::Dilate, s, padded_image(s, pad), image_source(s, pad), "imdilate");
         break;
     }
     case Op::Open:
-    case Op::TopHat: sw = opening_walk(s, stage); break;
+    case Op::TopHat: sw = opening_walk(s); break;
     case Op::Close:
-    case Op::BotHat: sw = closing_walk(s, stage); break;
+    case Op::BotHat: sw = closing_walk(s); break;
     }
 
     // The residues read the image once more, at the output's own

@@ -1,8 +1,8 @@
 // The six operators as Halide pipelines, built from the shared element
-// walk: erosion and dilation in one stage; opening and closing as a walk
-// into a stored intermediate followed by a second walk; top-hat and
-// bottom-hat as opening and closing with the residue fused into the last
-// stage.
+// walk: erosion and dilation in one stage; of opening and closing the walk
+// over the intermediate that the erosion or dilation pipeline stored; top-
+// hat and bottom-hat as opening and closing with the residue fused into
+// that last stage.
 #pragma once
 
 #include "Halide.h"
@@ -28,14 +28,16 @@ struct Sources {
     Element el;
     Branch branch;
     Halide::Expr halves;  // the residue's uint32 conversion by halves
-    // The rows of the output [0] and of the intermediate [1], as the entry
-    // point describes their buffers.
-    StageRow rows[2];
+    // The output's rows, as the entry point describes its buffer.
+    StageRow row;
+    // A two-stage operator's intermediate as its first stage stored it, and
+    // the box it covers.
+    Halide::Func stage;
+    Halide::Expr stage_min[3], stage_extent[3];
 };
 
-// Defines and schedules the whole pipeline into `out` (x, y, z); a
-// two-stage operator computes its first stage into `stage` (u, v, w), an
-// output buffer that the caller provides.
-void build(Op op, const Sources &s, Halide::Func out, Halide::Func stage);
+// Defines and schedules the pipeline into `out` (x, y, z): for a two-stage
+// operator its second stage, over s.stage.
+void build(Op op, const Sources &s, Halide::Func out);
 
 }  // namespace morph
