@@ -67,6 +67,9 @@ typedef struct tm_call {
     int32_t walk;
     halide_buffer_t *tap_runs;
     int32_t longest_run;
+    /* RUNS: the output planes a task walks in order, keeping the levels of
+     * the source planes they read (at least 1). */
+    int32_t slab_planes;
 } tm_call;
 
 /* Each export's adapter from a tm_call to its compiled pipeline. */

@@ -50,6 +50,8 @@ public:
     typename Base::template Input<int32_t> walk{"walk"};
     typename Base::template Input<Buffer<int32_t>> tap_runs{"tap_runs", 2};
     typename Base::template Input<int32_t> longest_run{"longest_run"};
+    // The output planes a task of RUNS walks in order (at least 1).
+    typename Base::template Input<int32_t> slab_planes{"slab_planes"};
     // The output's rows: the first sample and the width of a row, and the
     // first row, as the entry point describes the buffer.  The band walks
     // size what they keep per band by them.
@@ -72,7 +74,7 @@ public:
         Sources s;
         s.el = Element{keyimForType.type(), boolean};
         const int lanes = this->natural_vector_size(s.el.storage);
-        s.branch = Branch{wide, lanes, walk};
+        s.branch = Branch{wide, lanes, walk, max(slab_planes, 1)};
         // Only the baseline level's vector loop converts uint32 by halves.
         const Target t = this->get_target();
         s.halves = t.has_feature(Target::SSE41) ? Expr(false) : s.branch.wide;

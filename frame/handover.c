@@ -126,6 +126,11 @@ void tm_hand_walk(const tm_entry *e, const tm_view v[TM_NARGS], const tm_plan *p
     h->call.walk = h->walk.walk;
     h->call.tap_runs = &h->walk.buffer;
     h->call.longest_run = h->walk.longest;
+    /* A slab is no deeper than any stage it walks (the last one moves
+     * back to end on the stage's last plane). */
+    int32_t slab = h->walk.slab > 0 ? h->walk.slab : 1;
+    if (t->stage && slab > h->stage_dim[2].extent) slab = h->stage_dim[2].extent > 0 ? h->stage_dim[2].extent : 1;
+    h->call.slab_planes = slab;
     h->stage.host = (uint8_t *)block;
 }
 

@@ -28,6 +28,8 @@
 #define TM_MAX_BAND_BYTES ((int64_t)64 << 20)
 /* Floating boxes of at most this many taps are walked by taps. */
 #define TM_FLOAT_TAPS_BEFORE_FOLD 9
+/* A slab of RUNS holds at least this many output planes (slab_planes). */
+#define TM_SLAB_PLANES 8
 /* The cost of a sample by segments beyond the levels of its rows, in reads
  * of the box walk (by_segments). */
 #define TM_SEGMENTS_COST 14
@@ -123,6 +125,22 @@ static int by_segments(const tm_entry *e, const int64_t ext[3], int64_t width, i
     return (TM_RUN_LEVELS + 2) * rows * width * e->bytes <= TM_MAX_BAND_BYTES;
 }
 
+/* The output planes a task of RUNS walks in order: a source plane's levels
+ * are then computed once for the slab and read by each of its planes that
+ * reaches it, where a task of one plane computes the levels of every plane
+ * it reaches (e2 of them).  A slab of S planes computes S + e2 - 1 planes of
+ * levels and keeps them all, so S is at least e2 (twice the levels of the
+ * ideal at most) and at least TM_SLAB_PLANES, within the band's working
+ * memory (`level_plane` bytes of levels a plane) and the output's planes;
+ * a mask of one plane shares nothing across planes and walks them one by
+ * one.  0 where not even one plane's reach fits. */
+static int32_t slab_planes(int64_t e2, int64_t out_planes, int64_t level_plane) {
+    int64_t s = e2 == 1 ? 1 : max64(e2, TM_SLAB_PLANES);
+    if (s > out_planes) s = max64(out_planes, 1);
+    while (s > 0 && (s + e2 - 1) * level_plane > TM_MAX_BAND_BYTES) s--;
+    return (int32_t)s;
+}
+
 /* The walk for the call; the runs listed in p on the way. */
 static int32_t choose(const tm_entry *e, const tm_view v[TM_NARGS], int wide, int32_t stage_width, tm_walk_plan *p) {
     const tm_view *se = &v[TM_SE];
@@ -156,10 +174,12 @@ static int32_t choose(const tm_entry *e, const tm_view v[TM_NARGS], int wide, in
     }
     /* The other band walks keep TM_RING_ROWS rows: the band's and the reach. */
     if (ext[1] > TM_RING_ROWS - TM_BAND_ROWS + 1) return TM_WALK_DIRECT;
-    int by_runs = fits && worth_runs(p);
-    const int64_t ring = (int64_t)TM_RING_ROWS * ext[2] * width * e->bytes;
-    if (ring * (TM_RUN_LEVELS + 1) > TM_MAX_BAND_BYTES) by_runs = 0;
+    const int64_t plane = (int64_t)TM_RING_ROWS * width * e->bytes;
+    const int64_t ring = plane * ext[2];
     if (ring > TM_MAX_BAND_BYTES) return TM_WALK_DIRECT;
+    /* RUNS keeps the levels of a slab's planes and the mask's reach. */
+    p->slab = slab_planes(ext[2], v[TM_OUT].extent[2], plane * (TM_RUN_LEVELS + 1));
+    int by_runs = fits && worth_runs(p) && p->slab > 0;
 
     /* A floating box folds only after it has looked for NaN in every row it
      * reads, a pass of its own over the source: for a box of a few taps

@@ -20,6 +20,7 @@ extern "C" {
 typedef struct {
     int32_t walk;
     int32_t count, longest;
+    int32_t slab; /* RUNS: output planes a task walks in order (see walk_plan.c) */
     /* On the heap: up to TM_MAX_RUNS runs would be 64 KiB of the caller's
      * stack, more than some hosts give a thread. */
     int32_t (*runs)[TM_RUN_FIELDS];

@@ -158,23 +158,24 @@ static_assert(kLevelAlign % 32 == 0, "a multiple of the widest vector of bytes")
 // of level k - 1 reach 2^(k-1) samples further, into samples no walk reads:
 // a walk reads level k only where the whole block lies inside a run of the
 // mask.  Levels above the longest run's are not computed.
-void define_levels(BandWalks &b, const BandSite &s) {
+Levels define_levels(const BandSite &s, const std::string &name) {
     const Source &src = s.src;
     const Strel &se = s.se;
     const Var &u = s.u, &v = s.v, &wv = s.wv;
     Var k("k");
-    b.levels = Func(s.name + "_levels");
-    b.levels(u, v, wv, k) = undef(s.el.storage);
+    Levels l;
+    l.f = Func(name);
+    l.f(u, v, wv, k) = undef(s.el.storage);
     // Level 0: the rows, written out as `rows` are (with the pad), so that
     // the walks need no copy of them.  A source without pad is read as it
     // is; it holds nothing beyond its domain, where the levels' whole
     // vectors reach, so those reads are kept to the domain (the samples so
     // changed belong to blocks no run reads).
     if (src.pad.defined()) {
-        b.level_copy = write_rows(src, b.levels, {0}, u, v, wv, s.name + "_level_copy");
+        l.copy = write_rows(src, l.f, {0}, u, v, wv, name + "_copy");
     } else {
         const Expr last0 = src.min[0] + src.extent[0] - 1;
-        b.levels(u, v, wv, 0) = src.f(unsafe_promise_clamped(min(likely(u), last0), src.min[0], last0), v, wv);
+        l.f(u, v, wv, 0) = src.f(unsafe_promise_clamped(min(likely(u), last0), src.min[0], last0), v, wv);
     }
     // The samples the walks read: the row's reach before its first sample,
     // in source order, and the row and the mask's extent.
@@ -183,16 +184,16 @@ void define_levels(BandWalks &b, const BandSite &s) {
     Expr count = (s.row.extent + se.extent[0] - 1 + kLevelAlign - 1) / kLevelAlign * kLevelAlign;
     Expr top = 31 - count_leading_zeros(max(s.runs.longest, 1));
     for (int level = 1; level < kRunLevels; level++) {
-        RDom r(0, kLevelAlign, 0, count / kLevelAlign, s.name + "_level" + std::to_string(level));
+        RDom r(0, kLevelAlign, 0, count / kLevelAlign, name + std::to_string(level));
         r.where(level <= top);
         const Expr at = first + r.y * kLevelAlign + r.x;
-        const Expr lo = b.levels(at, v, wv, level - 1), hi = b.levels(at + (1 << (level - 1)), v, wv, level - 1);
-        b.levels(at, v, wv, level) = s.w == Walk::Erode ? combine(s.w, lo, hi, s.el) : combine(s.w, hi, lo, s.el);
-        b.level_r.push_back(r);
+        const Expr lo = l.f(at, v, wv, level - 1), hi = l.f(at + (1 << (level - 1)), v, wv, level - 1);
+        l.f(at, v, wv, level) = s.w == Walk::Erode ? combine(s.w, lo, hi, s.el) : combine(s.w, hi, lo, s.el);
+        l.r.push_back(r);
     }
-    // Level 0 as a Func of the row alone, for the walks' taps.
-    b.level0 = Func(s.name + "_level0");
-    b.level0(u, v, wv) = b.levels(u, v, wv, 0);
+    l.level0 = Func(name + "0");
+    l.level0(u, v, wv) = l.f(u, v, wv, 0);
+    return l;
 }
 
 // The source rows that hold a NaN, inside the domain, and the output rows
@@ -267,7 +268,8 @@ BandWalks band_walks(Walk w, const Source &src, const Strel &se, const Runs &run
     // have no box planes first (their ties would show the grouping).
     const BandSite site{w, src, se, runs, el, name, x, y, z, u, v, wv, init, b.row};
     if (el.is_float()) define_nan_rows(b, site);
-    define_levels(b, site);
+    b.levels = define_levels(site, name + "_levels");
+    b.slab_levels = define_levels(site, name + "_slab_levels");
     define_taps(b, site);
     define_box(b, site);
     define_runs(b, site);

@@ -129,6 +129,16 @@ struct StageRow {
     Halide::Expr narrow;
 };
 
+// The levels of doubled folds of a band's source rows: one Func whose last
+// coordinate is the level k (level 0 the source's rows written out as
+// `rows` are, over `copy` where the source has a pad; level k an update
+// over `r[k - 1]` from level k - 1), and level 0 alone, for the taps.
+struct Levels {
+    Halide::Func f, level0;
+    Halide::RDom copy;
+    std::vector<Halide::RDom> r;
+};
+
 // Every Func and reduction domain of one stage's band walks, for the
 // schedule.  Forms a type cannot use stay undefined.
 struct BandWalks {
@@ -162,16 +172,15 @@ struct BandWalks {
     Halide::Func plane_walk, plane_fold, plane_row_walk, plane_row_fold, plane_box;
     Halide::RDom plane_r, plane_row_r, plane_box_r;
     // Any mask whose runs are long: each source row folded over 2^k
-    // samples for every level k (`levels`, whose last coordinate is k:
-    // level 0 the source's rows written out as `rows` are, level k an update
-    // over `level_r[k - 1]` from level k - 1), then each run met as the two folds of 2^k samples that start
-    // at its two ends (`runs_walk` over `runs_r`; on rows narrower than a
-    // block `runs_rows` over `runs_rows_r`, integer types only).  Floating
-    // rows with a NaN in reach go by taps (the second update of
-    // `runs_walk`, over `runs_taps_r`).
-    Halide::Func levels, level0;  // level0: level 0 alone, for the taps
-    Halide::RDom level_copy;      // level 0, where the source has a pad
-    std::vector<Halide::RDom> level_r;
+    // samples for every level k (`slab_levels`), then each run met as the
+    // two folds of 2^k samples that start at its two ends (`runs_walk` over
+    // `runs_r`; on rows narrower than a block `runs_rows` over
+    // `runs_rows_r`, integer types only).  Floating rows with a NaN in reach
+    // go by taps (the second update of `runs_walk`, over `runs_taps_r`).
+    // RUNS keeps its levels for a slab of output planes: each source plane's
+    // levels are computed once and read by every plane of the slab that
+    // reaches it.  SEGMENTS computes its `levels` for each band.
+    Levels levels, slab_levels;
     Halide::Func runs_walk, runs_rows;
     Halide::RDom runs_r, runs_rows_r, runs_taps_r;
     // A mask of ones filling a box of one plane: each source row folded

@@ -13,9 +13,11 @@
 // and floating values without NaN the overlap cannot show and the runs
 // give exactly the walk's result, -0 against +0 included.
 //
-// The levels (element_walk.cpp, shared with SEGMENTS) are one Func whose
-// last coordinate is the level, so that one update over the runs reads
-// each run's level by its length.
+// The levels (element_walk.cpp) are one Func whose last coordinate is the
+// level, so that one update over the runs reads each run's level by its
+// length.  RUNS has levels of its own (`slab_levels`): a band walks a slab
+// of planes (walk_schedule.cpp), and its levels cover every source plane
+// the slab reads, each computed once for all the slab's planes.
 #include "band_walk.h"
 
 using namespace Halide;
@@ -33,8 +35,8 @@ Func runs_walk(const BandWalks &b, const BandSite &s, const std::string &name, R
     const TwoBlocks q = two_blocks(s.w, runs.list(0, g.x), runs.list(1, g.x));
     Expr ry = source_row(s, offset_of(runs.list(2, g.x), s.se, 1));
     Expr rz = step(s.w, s.z, offset_of(runs.list(3, g.x), s.se, 2));
-    Expr first = b.levels(step(s.w, s.x, offset_of(q.first, s.se, 0)), ry, rz, q.level);
-    Expr second = b.levels(step(s.w, s.x, offset_of(q.second, s.se, 0)), ry, rz, q.level);
+    Expr first = b.slab_levels.f(step(s.w, s.x, offset_of(q.first, s.se, 0)), ry, rz, q.level);
+    Expr second = b.slab_levels.f(step(s.w, s.x, offset_of(q.second, s.se, 0)), ry, rz, q.level);
     Func f(name);
     f(s.x, s.y, s.z) = s.init;
     f(s.x, s.y, s.z) = combine(s.w, f(s.x, s.y, s.z), combine(s.w, first, second, s.el), s.el);
@@ -55,7 +57,7 @@ void define_runs(BandWalks &b, const BandSite &s) {
     b.runs_walk = runs_walk(b, s, s.name + "_runs", b.runs_r, b.dirty(s.y, s.z) == 0);
     b.runs_taps_r = tap_domain(s, s.name + "_runs_tap");
     b.runs_taps_r.where(b.dirty(s.y, s.z) != 0);
-    b.runs_walk(s.x, s.y, s.z) = combine(s.w, b.runs_walk(s.x, s.y, s.z), tap_sample(b.level0, s, b.runs_taps_r), s.el);
+    b.runs_walk(s.x, s.y, s.z) = combine(s.w, b.runs_walk(s.x, s.y, s.z), tap_sample(b.slab_levels.level0, s, b.runs_taps_r), s.el);
 }
 
 void schedule_runs(const BandWalks &w, const BandSchedule &s) {

@@ -73,14 +73,33 @@ void folded_ring(Func fold, Func walk, const RDom &r, const BandSchedule &s) {
 
 namespace {
 
+// The levels of every source row the band reads, level by level over whole
+// rows.  A level writes only its own level and reads only the one below, so
+// its samples are independent of each other whatever their order; Halide
+// cannot tell the two levels apart through the row's offset.
+void schedule_levels(const Levels &l, const Func &out, const Var &at, int lanes) {
+    Func lev = l.f;
+    lev.compute_at(out, at);
+    lev.update(0).vectorize(lev.args()[0], lanes, TailStrategy::RoundUp);
+    int update = 1;
+    if (l.copy.defined()) {
+        RVar co("co"), ci("ci");
+        lev.update(update++).split(l.copy.x, co, ci, lanes, TailStrategy::GuardWithIf).vectorize(ci);
+    }
+    for (const RDom &r : l.r) {
+        RVar ro("ro"), ri("ri");
+        lev.update(update++).allow_race_conditions().split(r.x, ro, ri, lanes).vectorize(ri);
+    }
+}
+
 // Band tasks: y split into bands and the bands into band tasks; the tasks
 // in parallel, a task's bands and a band's rows in order; blocks of K
 // chunks along x, or on rows narrower than a block blocks of one chunk of
 // kGroupRows rows (the walks that take such rows have Funcs of their own
 // for them).
 void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
-    Var x = out.args()[0], y = out.args()[1];
-    Var xo("xo"), xi("xi"), yo("yo"), yb("yb"), yi("yi");
+    Var x = out.args()[0], y = out.args()[1], z = out.args()[2];
+    Var xo("xo"), xi("xi"), yo("yo"), yb("yb"), yi("yi"), zo("zo"), zi("zi");
     const int L = b.lanes, K = kBlockChunks;
     Expr bands_per_plane = (out.output_buffer().dim(1).extent() + kBandRows - 1) / kBandRows;
     Expr bands_per_task = max((bands_per_plane + kTasksPerPlane - 1) / kTasksPerPlane, 1);
@@ -91,25 +110,11 @@ void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
         RVar co("co"), ci("ci");
         w.rows.update().split(w.copy.x, co, ci, L, TailStrategy::GuardWithIf).vectorize(ci);
     }
-    if (w.levels.defined()) {
-        // The levels of every source row the band reads, level by level
-        // over whole rows.  A level writes only its own level and reads only
-        // the one below, so its samples are independent of each other
-        // whatever their order; Halide cannot tell the two levels apart
-        // through the row's offset.
-        Func lev = w.levels;
-        lev.compute_at(out, yb);
-        lev.update(0).vectorize(lev.args()[0], L, TailStrategy::RoundUp);
-        int level_update = 1;
-        if (w.level_copy.defined()) {
-            RVar co("co"), ci("ci");
-            lev.update(level_update++).split(w.level_copy.x, co, ci, L, TailStrategy::GuardWithIf).vectorize(ci);
-        }
-        for (const RDom &r : w.level_r) {
-            RVar ro("ro"), ri("ri");
-            lev.update(level_update++).allow_race_conditions().split(r.x, ro, ri, L).vectorize(ri);
-        }
-    }
+    // The levels of the band's source rows, for each band: in RUNS a band
+    // of rows runs down a slab of planes, so its levels are those of every
+    // source plane the slab reads, each computed once.
+    if (w.levels.f.defined()) schedule_levels(w.levels, out, yb, L);
+    if (w.slab_levels.f.defined()) schedule_levels(w.slab_levels, out, yb, L);
     if (w.dirty.defined()) {
         // The NaN tests of the walks that fold: per source row, once per
         // band, in vectors of lanes folded at the end of the row; per output
@@ -123,6 +128,13 @@ void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
     for (const BandCase &c : band_cases(w)) {
         if (!c.wide.defined()) continue;
         Stage s = out.specialize(b.takes(c.walk));
+        // RUNS walks slabs of planes: the slabs and the band tasks in
+        // parallel, a task's bands in order, and in each band the slab's
+        // planes in order, all from the band's levels.  The last slab moves back to end on the last plane
+        // (the entry point makes no slab deeper than the stage), as the
+        // last chunk of a row does: its first planes are computed twice,
+        // with the same values.
+        const bool slabs = c.walk == TM_WALK_RUNS;
         if (c.narrow.defined()) {
             // Rows narrower than a block, for the walks that take them
             // (walks.h; a branch costs compile time in every one of the 162
@@ -130,17 +142,23 @@ void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
             // rows being a number of groups, and each group walked one
             // chunk at a time.
             Var yg("yg"), yk("yk");
-            s.specialize(w.row.narrow)
-                .split(y, yg, yk, kGroupRows, TailStrategy::GuardWithIf)
+            Stage n = s.specialize(w.row.narrow);
+            n.split(y, yg, yk, kGroupRows, TailStrategy::GuardWithIf)
                 .split(yg, yb, yi, kBandRows / kGroupRows, TailStrategy::GuardWithIf)
                 .split(yb, yo, yb, bands_per_task, TailStrategy::GuardWithIf)
                 .split(x, xo, xi, L, TailStrategy::ShiftInwards)
                 .vectorize(xi)
-                .reorder(xi, yk, xo, yi, yb, yo)
                 .parallel(yo)
                 .serial(yb)
                 .serial(yi)
                 .serial(yk);
+            if (slabs)
+                n.split(z, zo, zi, b.slab_planes, TailStrategy::ShiftInwards)
+                    .reorder(xi, yk, xo, yi, zi, yb, yo, zo)
+                    .parallel(zo)
+                    .serial(zi);
+            else
+                n.reorder(xi, yk, xo, yi, yb, yo);
         }
         s.split(y, yb, yi, kBandRows, TailStrategy::GuardWithIf)
             .split(yb, yo, yb, bands_per_task, TailStrategy::GuardWithIf)
@@ -148,6 +166,11 @@ void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
             .serial(yb)
             .serial(yi);
         s.split(x, xo, xi, K * L, TailStrategy::ShiftInwards).vectorize(xi);
+        if (slabs)
+            s.split(z, zo, zi, b.slab_planes, TailStrategy::ShiftInwards)
+                .reorder(xi, xo, yi, zi, yb, yo, zo)
+                .parallel(zo)
+                .serial(zi);
         const BandSchedule at{out, yo, yb, yi, xo, L};
         switch (c.walk) {
         case TM_WALK_TAPS: schedule_taps(w, at); break;

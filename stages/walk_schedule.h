@@ -55,6 +55,10 @@ struct Branch {
     Halide::Expr wide;  // the image is wider than one vector
     int lanes;          // L: the natural vector size of the element type
     Halide::Expr walk;  // the walk the entry point chose (walks.h)
+    // The output planes a task of RUNS walks in order, keeping the levels
+    // of the source planes they read (the entry point sizes it by the
+    // band's working memory; at least 1).
+    Halide::Expr slab_planes;
     Halide::Expr takes(tm_walk w) const { return walk == static_cast<int>(w); }
 };
 

@@ -37,8 +37,8 @@ void define_segments(BandWalks &b, const BandSite &s) {
     const Expr before = erode ? se.centre[1] : e1 - 1 - se.centre[1];
     const Expr rows = kBandRows + e1 - 1;
     const Expr v = clamp_row(s, s.row.first_row + band * kBandRows - before + rho);
-    const Expr row = ordered(b.levels(step(s.w, u, offset_of(blocks.first, se, 0)), v, wv, blocks.level),
-                             b.levels(step(s.w, u, offset_of(blocks.second, se, 0)), v, wv, blocks.level));
+    const Expr row = ordered(b.levels.f(step(s.w, u, offset_of(blocks.first, se, 0)), v, wv, blocks.level),
+                             b.levels.f(step(s.w, u, offset_of(blocks.second, se, 0)), v, wv, blocks.level));
     Func folded(s.name + "_segment_row");
     folded(u, rho, wv, band) = row;
 
@@ -79,7 +79,7 @@ void define_segments(BandWalks &b, const BandSite &s) {
     b.segments(s.x, s.y, s.z) = select(b.dirty(s.y, s.z) == 0, box, s.init);
     b.segments_taps_r = tap_domain(s, s.name + "_segments_tap");
     b.segments_taps_r.where(b.dirty(s.y, s.z) != 0);
-    b.segments(s.x, s.y, s.z) = combine(s.w, b.segments(s.x, s.y, s.z), tap_sample(b.level0, s, b.segments_taps_r), s.el);
+    b.segments(s.x, s.y, s.z) = combine(s.w, b.segments(s.x, s.y, s.z), tap_sample(b.levels.level0, s, b.segments_taps_r), s.el);
 }
 
 void schedule_segments(const BandWalks &w, const BandSchedule &s) {

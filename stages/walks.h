@@ -16,7 +16,8 @@
  *   PLANES  the box walk planes first (integer types, boxes of several
  *           planes): any grouping of a minimum serves for them.
  *   RUNS    band walk of runs by doubled folds (masks of long runs): each
- *           run met as two overlapping folds.
+ *           run met as two overlapping folds; a band walks a slab of
+ *           planes from the levels of every plane the slab reads.
  *   SEGMENTS band walk of a large box of one plane: rows folded as RUNS
  *           folds a run, then across rows the folds from the start and to
  *           the end of segments of the box's height, two of them a sample.

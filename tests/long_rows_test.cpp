@@ -175,6 +175,50 @@ std::vector<Entry> long_run_entries() {
 
 INSTANTIATE_TEST_SUITE_P(Entries, LongRunLists, testing::ValuesIn(long_run_entries()), EntryName());
 
+// Masks across planes read through doubled folds walk slabs of output
+// planes down each band, from the levels of every source plane the slab
+// reads: volumes deeper than a slab, whose last slab moves back to end on
+// the last plane, of rows of a block and more and of a few chunks, and an
+// opening whose intermediate has fewer planes than its output (more planes
+// than rows), where the first stage's slabs are cut to the intermediate.
+class SlabsOfPlanes : public testing::TestWithParam<Entry> {};
+
+TEST_P(SlabsOfPlanes, MatchReference) {
+    const Entry &e = GetParam();
+    if (!e.cpu_has_level()) GTEST_SKIP() << "this processor lacks level " << e.level_word;
+    std::mt19937 rng(std::hash<std::string>()(e.name) ^ 0x51ab);
+    struct Volume {
+        const char *what;
+        int32_t width_chunks, width_extra, height, planes;
+    };
+    const Volume volumes[] = {
+        {"rows of a block and more, 13 planes", 8, 5, 21, 13},
+        {"rows of three chunks, 11 planes", 3, 2, 18, 11},
+        {"more planes than rows", 8, 1, 4, 9},
+    };
+    for (const Volume &vol : volumes) {
+        SCOPED_TRACE(vol.what);
+        Shape s{};
+        s.im_extent[0] = vol.width_chunks * e.lanes + vol.width_extra;
+        s.im_extent[1] = vol.height, s.im_extent[2] = vol.planes;
+        s.im_min[0] = 2, s.im_min[1] = -1, s.im_min[2] = 3;
+        const int32_t before[2] = {1, 2}, after[2] = {2, 1};
+        place_output(e, s, before, after);
+        // An ellipsoid of 9 x 5 x 5 (runs of up to 9 taps over 5 planes).
+        const int32_t m[3] = {9, 5, 5};
+        std::copy(m, m + 3, s.se_extent);
+        s.mask.resize(size_t(m[0]) * m[1] * m[2]);
+        for (int k = 0; k < m[2]; k++)
+            for (int j = 0; j < m[1]; j++)
+                for (int i = 0; i < m[0]; i++)
+                    s.mask[size_t((k * m[1] + j) * m[0] + i)] = (i - 4) * (i - 4) + 4 * (j - 2) * (j - 2) + 4 * (k - 2) * (k - 2) <= 20;
+        random_bounds(e, s, rng);
+        check_case(e, s, rng);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Entries, SlabsOfPlanes, testing::ValuesIn(long_run_entries()), EntryName());
+
 // Row lengths are a * L + b for the entry point's lane count L.
 struct Len {
     int vectors, extra;

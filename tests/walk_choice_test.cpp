@@ -158,6 +158,43 @@ TEST_P(WalkChoice, PicksItsWalk) {
     tm_walk_plan_release(&p);
 }
 
+// The output planes a task of RUNS walks in order: none shared by a mask
+// of one plane, at least the mask's planes and at least 8, no more than the
+// output's planes, and fewer where a band's levels would outgrow 64 MiB.
+struct SlabRow {
+    int32_t e2, out_planes, chunks;  // uint8 rows of `chunks` chunks
+    int32_t expected;
+};
+
+TEST(SlabPlanes, FollowTheMaskTheOutputAndTheMemory) {
+    const SlabRow rows[] = {
+        {1, 100, 16, 1}, {3, 100, 16, 8}, {15, 100, 16, 15}, {15, 4, 16, 4}, {31, 200, 16, 31},
+        // 128 rows of levels (7 a sample) per plane of 4096 + 15 + 256 + 64
+        // samples: 3.9 MiB a plane, 16 planes in 64 MiB.
+        {3, 100, 128, 8}, {15, 100, 128, 2}, {17, 100, 128, 0},
+    };
+    for (const SlabRow &r : rows) {
+        SCOPED_TRACE("e2 " + std::to_string(r.e2) + ", " + std::to_string(r.out_planes) + " planes, " +
+                     std::to_string(r.chunks) + " chunks");
+        const int32_t lanes = TM_LANES_uint8_avx2;
+        const tm_entry e = {TM_OP_imerode, 1, 8, 1, lanes, nullptr};
+        // A ball-like mask of runs of 15 across e2 planes: doubled folds.
+        std::vector<uint8_t> mask(size_t(15) * 3 * r.e2, 1);
+        tm_view v[4];
+        std::memset(v, 0, sizeof v);
+        v[2].host = mask.data();
+        v[2].extent[0] = 15, v[2].extent[1] = 3, v[2].extent[2] = r.e2;
+        v[2].stride[0] = 1, v[2].stride[1] = 15, v[2].stride[2] = 45;
+        mask[1] = 0;  // not a box: the walk of runs
+        v[3].extent[0] = r.chunks * lanes, v[3].extent[1] = 1, v[3].extent[2] = r.out_planes;
+        tm_walk_plan p;
+        tm_plan_walk(&e, v, 1, 0, &p);
+        EXPECT_EQ(p.slab, r.expected);
+        EXPECT_STREQ(walk_name(p.walk), walk_name(r.expected > 0 ? TM_WALK_RUNS : TM_WALK_TAPS));
+        tm_walk_plan_release(&p);
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Calls, WalkChoice, testing::ValuesIn(kRows), [](const testing::TestParamInfo<Row> &i) {
     std::string n;
     for (const char *c = i.param.what; *c; c++) n += std::isalnum(static_cast<unsigned char>(*c)) ? *c : '_';
