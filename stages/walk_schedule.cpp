@@ -130,11 +130,21 @@ void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
         Stage s = out.specialize(b.takes(c.walk));
         // RUNS walks slabs of planes: the slabs and the band tasks in
         // parallel, a task's bands in order, and in each band the slab's
-        // planes in order, all from the band's levels.  The last slab moves back to end on the last plane
-        // (the entry point makes no slab deeper than the stage), as the
-        // last chunk of a row does: its first planes are computed twice,
-        // with the same values.
+        // planes in order, all from the band's levels.  The last slab moves
+        // back to end on the last plane (the entry point makes no slab
+        // deeper than the stage), as the last chunk of a row does: its
+        // first planes are computed twice, with the same values.  `inner`
+        // are the loops inside the planes, innermost first.
         const bool slabs = c.walk == TM_WALK_RUNS;
+        auto order = [&](Stage st, std::vector<VarOrRVar> inner) {
+            if (!slabs) {
+                inner.insert(inner.end(), {yb, yo});
+                st.reorder(inner);
+                return;
+            }
+            inner.insert(inner.end(), {zi, yb, yo, zo});
+            st.split(z, zo, zi, b.slab_planes, TailStrategy::ShiftInwards).reorder(inner).parallel(zo).serial(zi);
+        };
         if (c.narrow.defined()) {
             // Rows narrower than a block, for the walks that take them
             // (walks.h; a branch costs compile time in every one of the 162
@@ -152,13 +162,7 @@ void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
                 .serial(yb)
                 .serial(yi)
                 .serial(yk);
-            if (slabs)
-                n.split(z, zo, zi, b.slab_planes, TailStrategy::ShiftInwards)
-                    .reorder(xi, yk, xo, yi, zi, yb, yo, zo)
-                    .parallel(zo)
-                    .serial(zi);
-            else
-                n.reorder(xi, yk, xo, yi, yb, yo);
+            order(n, {xi, yk, xo, yi});
         }
         s.split(y, yb, yi, kBandRows, TailStrategy::GuardWithIf)
             .split(yb, yo, yb, bands_per_task, TailStrategy::GuardWithIf)
@@ -166,11 +170,7 @@ void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
             .serial(yb)
             .serial(yi);
         s.split(x, xo, xi, K * L, TailStrategy::ShiftInwards).vectorize(xi);
-        if (slabs)
-            s.split(z, zo, zi, b.slab_planes, TailStrategy::ShiftInwards)
-                .reorder(xi, xo, yi, zi, yb, yo, zo)
-                .parallel(zo)
-                .serial(zi);
+        if (slabs) order(s, {xi, xo, yi});
         const BandSchedule at{out, yo, yb, yi, xo, L};
         switch (c.walk) {
         case TM_WALK_TAPS: schedule_taps(w, at); break;
