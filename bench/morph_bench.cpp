@@ -126,6 +126,9 @@ const std::vector<CaseRow> &cases() {
               line("line31x1", 1, 31)},
              erode},
             {"4096x4096", 4096, 4096, 1, {Type::UInt16}, {square("square15", 15), disk("disk15", 15)}, erode},
+            // Boxes and lines wider than the runs' levels reach (63 samples).
+            {"4096x4096", 4096, 4096, 1, {Type::UInt8, Type::UInt16, Type::Float32},
+             {square("square127", 127), line("line1x255", 255, 1)}, erode},
             // Background subtraction: a top-hat with a large disk, and a
             // volume's top-hat against its two stages.
             {"2048x2048", 2048, 2048, 1, {Type::UInt16}, {disk("disk51", 51)}, {"imtophat"}},
@@ -135,7 +138,7 @@ const std::vector<CaseRow> &cases() {
         for (int w : {48, 64, 128, 200, 255, 256, 512, 4096}) {
             const int h = (4 << 20) / w;
             r.push_back({std::to_string(w) + "x" + std::to_string(h), w, h, 1, {Type::UInt8, Type::Float32},
-                         {disk("disk5", 5), disk("disk15", 15)}, erode});
+                         {disk("disk5", 5), disk("disk15", 15), square("square15", 15)}, erode});
         }
         // Balls on volumes.
         for (int n : {128, 256})

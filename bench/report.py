@@ -87,7 +87,7 @@ def targets(runs, best, threads_all):
         r["shape"].split("x")[0]))) and r["shape"].count("x") == 1 and r["op"] == "imerode"
         and r["element"] in ("disk5", "disk15")}, key=lambda s: int(s.split("x")[0]))
     for typ in ("uint8", "float32"):
-        for element in ("disk5", "disk15"):
+        for element in ("disk5", "disk15", "square15"):
             wide = [s for s in widths if s.startswith("4096x")]
             base = per_sample("imerode", typ, wide[0], element) if wide else None
             for shape in widths:
@@ -100,8 +100,9 @@ def targets(runs, best, threads_all):
         for e in (3, 5, 7, 15, 31, 63):
             for kind in ("square", "disk"):
                 against_peer("imerode", typ, big, "%s%d" % (kind, e), 0.5 if e >= 15 else 1.0)
-        for element in ("line1x31", "line31x1"):
+        for element in ("line1x31", "line31x1", "line1x255"):
             against_peer("imerode", typ, big, element, 1.0)
+        against_peer("imerode", typ, big, "square127", 0.5)
     check("imerode uint8 square63 / square3, 1 thread",
           quotient(t("imerode", "uint8", big, "square63", best, 1), t("imerode", "uint8", big, "square3", best, 1)), 2.0)
     check("imerode uint8 disk63 / disk15, 1 thread",
@@ -261,7 +262,7 @@ def write_curves(runs, best, dat_path):
             sizes.setdefault("%s %s: %s" % (r["type"], kind, who), []).append((int(el[len(kind):]), ns))
         parts = r["shape"].split("x")
         # The same rows as the widths' targets: h = 4 Mi // w (48 x 87381 too).
-        if len(parts) == 2 and int(parts[1]) == (4 << 20) // int(parts[0]) and el in ("disk5", "disk15"):
+        if len(parts) == 2 and int(parts[1]) == (4 << 20) // int(parts[0]) and el in ("disk5", "disk15", "square15"):
             widths.setdefault("%s %s: %s" % (r["type"], el, who), []).append((int(parts[0]), ns))
     stem = dat_path.rsplit(".", 1)[0]
     series_file(stem + "_sizes.dat", sizes)

@@ -34,6 +34,8 @@ int main(int argc, char **argv) {
     // that, rows of one chunk; the rows of a band and those it may keep.
     std::fprintf(f, "#define TM_BLOCK_CHUNKS %d\n#define TM_GROUP_ROWS %d\n#define TM_BAND_ROWS %d\n#define TM_RING_ROWS %d\n",
                  morph::kBlockChunks, morph::kGroupRows, morph::kBandRows, morph::kRingRows);
+    // The most bands of TM_BAND_ROWS rows in a band of the segment walk.
+    std::fprintf(f, "#define TM_SEGMENT_BANDS %d\n#define TM_SEGMENT_LEVELS %d\n", morph::kSegmentBands, morph::kSegmentLevels);
     // The walk of runs by doubled folds: the levels it keeps; and the
     // fields of a run in the list the frame hands over.
     std::fprintf(f, "#define TM_RUN_LEVELS %d\n#if defined(TM_RUN_FIELDS) && TM_RUN_FIELDS != %d\n#error \"the frame lays runs out otherwise than the pipelines read them\"\n#endif\n",

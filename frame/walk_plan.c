@@ -113,16 +113,19 @@ static int worth_runs(const tm_walk_plan *p) {
  * log2(e0) + TM_SEGMENTS_COST (measured on 4096^2 uint8, uint16 and
  * float32: a 7 x 7 square is faster by the box walk, a 15 x 15 one by
  * segments, and so is a row of 31).  The levels cover rows of up to
- * 2^TM_RUN_LEVELS - 1 samples; a band keeps the levels and two folds of its
- * rows and the box's reach, whatever its height, within TM_MAX_BAND_BYTES;
- * floating rows with a NaN in reach walk the taps, from the list. */
+ * 2^TM_SEGMENT_LEVELS - 1 samples.  A band of segments (at most
+ * TM_SEGMENT_BANDS bands of TM_BAND_ROWS rows, by the box's height) keeps
+ * three folds of its rows and the box's reach, and one row's levels, within
+ * TM_MAX_BAND_BYTES whatever the box's height; floating rows with a NaN in
+ * reach walk the taps, from the list. */
 static int by_segments(const tm_entry *e, const int64_t ext[3], int64_t width, int listed) {
     int64_t log2_e0 = 0;
     while (((int64_t)2 << log2_e0) <= ext[0]) log2_e0++;
-    if (ext[2] != 1 || ext[0] >= ((int64_t)1 << TM_RUN_LEVELS) || ext[0] + ext[1] <= log2_e0 + TM_SEGMENTS_COST) return 0;
+    if (ext[2] != 1 || ext[0] >= ((int64_t)1 << TM_SEGMENT_LEVELS) || ext[0] + ext[1] <= log2_e0 + TM_SEGMENTS_COST)
+        return 0;
     if (e->code == halide_type_float && !listed) return 0;
-    const int64_t rows = TM_BAND_ROWS + ext[1] - 1;
-    return (TM_RUN_LEVELS + 2) * rows * width * e->bytes <= TM_MAX_BAND_BYTES;
+    const int64_t rows = (int64_t)TM_SEGMENT_BANDS * TM_BAND_ROWS + ext[1] - 1;
+    return (3 * rows + TM_SEGMENT_LEVELS) * width * e->bytes <= TM_MAX_BAND_BYTES;
 }
 
 /* The output planes a task of RUNS walks in order: a source plane's levels

@@ -43,7 +43,9 @@ StageWalk stage_walk(Walk w, const Sources &s, const Func &padded_source, const 
     sw.direct = element_walk(w, padded_source, s.se, s.el, name, at);
     StageRow stage_row = s.row;
     stage_row.narrow = stage_row.extent < kBlockChunks * s.branch.lanes;
-    sw.bands = band_walks(w, src, s.se, s.runs, s.el, name, at, stage_row);
+    Source with_padded = src;
+    with_padded.padded = padded_source;
+    sw.bands = band_walks(w, with_padded, s.se, s.runs, s.el, name, at, stage_row);
     const Var &x = at[0], &y = at[1], &z = at[2];
     // The schedule branches on the same values, so in each branch the
     // selects fold to the branch's own walk and rows.

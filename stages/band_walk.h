@@ -74,13 +74,14 @@ Halide::RDom write_rows(const Source &src, Halide::Func f, const std::vector<Hal
 
 // The two blocks of the levels that cover a run of l taps whose first
 // offset r0 is a (RUNS, and SEGMENTS for the box's row): level k, the
-// largest power of two p = 2^k in l, and the offsets in source order of
-// the blocks' first samples.  Erosion reads x + r0, so a block starts at
-// its least r0; dilation reads x - r0, so at its greatest.
+// largest power of two p = 2^k in l (at most the last of `levels`), and the
+// offsets in source order of the blocks' first samples.  Erosion reads
+// x + r0, so a block starts at its least r0; dilation reads x - r0, so at
+// its greatest.
 struct TwoBlocks {
     Halide::Expr level, first, second;
 };
-TwoBlocks two_blocks(Walk w, const Halide::Expr &a, const Halide::Expr &l);
+TwoBlocks two_blocks(Walk w, const Halide::Expr &a, const Halide::Expr &l, const Levels &levels);
 
 // The mask's taps as a reduction domain over its runs (t.y the run, t.x the
 // tap in it), in the walk's order, and the source sample a tap reads: the
@@ -119,5 +120,7 @@ void block_walk(Halide::Func walk, const Halide::RDom &r, Halide::Func at, const
 void rows_walk(Halide::Func walk, const Halide::RDom &r, const BandSchedule &s);
 // A ring of folds `fold`, computed block by block from `walk`.
 void folded_ring(Halide::Func fold, Halide::Func walk, const Halide::RDom &r, const BandSchedule &s);
+// The levels of doubled folds computed at loop `at` of `out`.
+void schedule_levels(const Levels &l, const Halide::Func &out, const Halide::Var &at, int lanes);
 
 }  // namespace morph

@@ -125,8 +125,8 @@ RDom write_rows(const Source &src, Func f, const std::vector<Expr> &more, const 
     return copy;
 }
 
-TwoBlocks two_blocks(Walk w, const Expr &a, const Expr &l) {
-    const Expr k = unsafe_promise_clamped(31 - count_leading_zeros(max(l, 1)), 0, kRunLevels - 1);
+TwoBlocks two_blocks(Walk w, const Expr &a, const Expr &l, const Levels &levels) {
+    const Expr k = unsafe_promise_clamped(31 - count_leading_zeros(max(l, 1)), 0, levels.count - 1);
     const Expr p = 1 << k;
     if (w == Walk::Erode) return {k, a, a + l - p};
     return {k, a + (p - 1), a + l - 1};
@@ -157,13 +157,18 @@ static_assert(kLevelAlign % 32 == 0, "a multiple of the widest vector of bytes")
 // walk reads (its first sample and width are the entry point's); its reads
 // of level k - 1 reach 2^(k-1) samples further, into samples no walk reads:
 // a walk reads level k only where the whole block lies inside a run of the
-// mask.  Levels above the longest run's are not computed.
-Levels define_levels(const BandSite &s, const std::string &name) {
+// mask.  Levels above the longest run's are not computed, and the reads of
+// those computed are written to reach at most as far as the highest one's
+// (`reach`): the rows then hold no more samples than the longest run needs,
+// whatever the number of levels (a segment walk's twelve would otherwise
+// make every row 1024 samples longer).
+Levels define_levels(const BandSite &s, const std::string &name, int count) {
     const Source &src = s.src;
     const Strel &se = s.se;
     const Var &u = s.u, &v = s.v, &wv = s.wv;
     Var k("k");
     Levels l;
+    l.count = count;
     l.f = Func(name);
     l.f(u, v, wv, k) = undef(s.el.storage);
     // Level 0: the rows, written out as `rows` are (with the pad), so that
@@ -181,16 +186,17 @@ Levels define_levels(const BandSite &s, const std::string &name) {
     // in source order, and the row and the mask's extent.
     Expr before = s.w == Walk::Erode ? se.centre[0] : se.extent[0] - 1 - se.centre[0];
     Expr first = s.row.min - before;
-    Expr count = (s.row.extent + se.extent[0] - 1 + kLevelAlign - 1) / kLevelAlign * kLevelAlign;
+    Expr samples = (s.row.extent + se.extent[0] - 1 + kLevelAlign - 1) / kLevelAlign * kLevelAlign;
     Expr top = 31 - count_leading_zeros(max(s.runs.longest, 1));
-    for (int level = 1; level < kRunLevels; level++) {
-        RDom r(0, kLevelAlign, 0, count / kLevelAlign, name + std::to_string(level));
-        r.where(level <= top);
-        const Expr at = first + r.y * kLevelAlign + r.x;
-        const Expr lo = l.f(at, v, wv, level - 1), hi = l.f(at + (1 << (level - 1)), v, wv, level - 1);
-        l.f(at, v, wv, level) = s.w == Walk::Erode ? combine(s.w, lo, hi, s.el) : combine(s.w, hi, lo, s.el);
-        l.r.push_back(r);
-    }
+    Expr reach = max(s.runs.longest / 2, 1);  // at least 2^(top - 1)
+    // All levels in one update, level after level (one loop nest, not one
+    // per level: each costs compile time in every pipeline).
+    l.r = RDom(0, kLevelAlign, 0, samples / kLevelAlign, 1, clamp(top, 0, count - 1), name + "_up");
+    const Expr at = first + l.r.y * kLevelAlign + l.r.x, level = l.r.z;
+    // (A level runs only up to the highest one, so its half is within reach.)
+    const Expr half = unsafe_promise_clamped(1 << (level - 1), 1, reach);
+    const Expr lo = l.f(at, v, wv, level - 1), hi = l.f(at + half, v, wv, level - 1);
+    l.f(at, v, wv, level) = s.w == Walk::Erode ? combine(s.w, lo, hi, s.el) : combine(s.w, hi, lo, s.el);
     l.level0 = Func(name + "0");
     l.level0(u, v, wv) = l.f(u, v, wv, 0);
     return l;
@@ -268,8 +274,8 @@ BandWalks band_walks(Walk w, const Source &src, const Strel &se, const Runs &run
     // have no box planes first (their ties would show the grouping).
     const BandSite site{w, src, se, runs, el, name, x, y, z, u, v, wv, init, b.row};
     if (el.is_float()) define_nan_rows(b, site);
-    b.levels = define_levels(site, name + "_levels");
-    b.slab_levels = define_levels(site, name + "_slab_levels");
+    b.levels = define_levels(site, name + "_levels", kSegmentLevels);
+    b.slab_levels = define_levels(site, name + "_slab_levels", kRunLevels);
     define_taps(b, site);
     define_box(b, site);
     define_runs(b, site);

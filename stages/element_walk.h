@@ -98,6 +98,10 @@ struct Source {
     Halide::Func f;
     Halide::Expr min[3], extent[3];
     Halide::Expr pad;  // undefined: every read lies inside
+    // The same source as the direct walk reads it, pad and all, at source
+    // coordinates: for the few rows a walk must take tap by tap from no
+    // rows of its own.
+    Halide::Func padded;
 };
 
 // The mask's taps as the entry point lists them: runs of adjacent taps
@@ -119,6 +123,10 @@ constexpr int kNanLanes = 64;
 // samples, enough for runs of up to 63 taps (disks up to radius 31).
 constexpr int kRunLevels = 6;
 
+// The segment walk keeps one row's levels at a time, so it can afford many:
+// folds of up to 2048 samples, for boxes up to 4095 samples wide.
+constexpr int kSegmentLevels = 12;
+
 // The stage's own rows, as the entry point describes the buffer it
 // writes: a row's first sample and width, the first row, and whether a row
 // is narrower than a block of chunks: such rows are walked by other Funcs
@@ -131,12 +139,13 @@ struct StageRow {
 
 // The levels of doubled folds of a band's source rows: one Func whose last
 // coordinate is the level k (level 0 the source's rows written out as
-// `rows` are, over `copy` where the source has a pad; level k an update
-// over `r[k - 1]` from level k - 1), and level 0 alone, for the taps.
+// `rows` are, over `copy` where the source has a pad; the levels above it
+// one update over `r`, whose outermost dimension is the level, each from
+// the one below), and level 0 alone, for the taps; at most `count` levels.
 struct Levels {
     Halide::Func f, level0;
-    Halide::RDom copy;
-    std::vector<Halide::RDom> r;
+    Halide::RDom copy, r;
+    int count = 0;
 };
 
 // Every Func and reduction domain of one stage's band walks, for the
@@ -179,18 +188,22 @@ struct BandWalks {
     // go by taps (the second update of `runs_walk`, over `runs_taps_r`).
     // RUNS keeps its levels for a slab of output planes: each source plane's
     // levels are computed once and read by every plane of the slab that
-    // reaches it.  SEGMENTS computes its `levels` for each band.
+    // reaches it.  SEGMENTS computes its `levels` for one source row at a
+    // time.
     Levels levels, slab_levels;
     Halide::Func runs_walk, runs_rows;
     Halide::RDom runs_r, runs_rows_r, runs_taps_r;
     // A mask of ones filling a box of one plane: each source row folded
-    // along the box's row from the levels, then per band the rows' folds
+    // along the box's row from the levels (`segment_rows`, row by row, each
+    // row's levels computed just before it), then per band the rows' folds
     // from the start of their segment of e1 rows (`prefix`, an update over
     // the band's rows `prefix_r`) and to its end (`suffix`, over
     // `suffix_r`, backwards); an output row reads one of each (`segments`;
-    // floating rows with a NaN in reach by taps, its update over
-    // `segments_taps_r`).
-    Halide::Func prefix, suffix, segments;
+    // floating rows with a NaN in reach by taps from the padded source, its
+    // update over `segments_taps_r`).
+    // Its bands are `segment_band` output rows high (walk_schedule.h).
+    Halide::Func segment_rows, prefix, suffix, segments;
+    Halide::Expr segment_band;
     Halide::RDom prefix_r, suffix_r, segments_taps_r;
 };
 

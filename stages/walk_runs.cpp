@@ -32,7 +32,7 @@ Func runs_walk(const BandWalks &b, const BandSite &s, const std::string &name, R
     const Runs &runs = s.runs;
     g = RDom(0, runs.count, name + "_run");
     if (clean.defined()) g.where(clean);
-    const TwoBlocks q = two_blocks(s.w, runs.list(0, g.x), runs.list(1, g.x));
+    const TwoBlocks q = two_blocks(s.w, runs.list(0, g.x), runs.list(1, g.x), b.slab_levels);
     Expr ry = source_row(s, offset_of(runs.list(2, g.x), s.se, 1));
     Expr rz = step(s.w, s.z, offset_of(runs.list(3, g.x), s.se, 2));
     Expr first = b.slab_levels.f(step(s.w, s.x, offset_of(q.first, s.se, 0)), ry, rz, q.level);

@@ -71,11 +71,9 @@ void folded_ring(Func fold, Func walk, const RDom &r, const BandSchedule &s) {
     block_walk(walk, r, fold, uo, s);
 }
 
-namespace {
-
-// The levels of every source row the band reads, level by level over whole
-// rows.  A level writes only its own level and reads only the one below, so
-// its samples are independent of each other whatever their order; Halide
+// Levels computed at `at` of `out`, level by level over whole rows.  A
+// level writes only its own level and reads only the one below, so its
+// samples are independent of each other whatever their order; Halide
 // cannot tell the two levels apart through the row's offset.
 void schedule_levels(const Levels &l, const Func &out, const Var &at, int lanes) {
     Func lev = l.f;
@@ -86,11 +84,11 @@ void schedule_levels(const Levels &l, const Func &out, const Var &at, int lanes)
         RVar co("co"), ci("ci");
         lev.update(update++).split(l.copy.x, co, ci, lanes, TailStrategy::GuardWithIf).vectorize(ci);
     }
-    for (const RDom &r : l.r) {
-        RVar ro("ro"), ri("ri");
-        lev.update(update++).allow_race_conditions().split(r.x, ro, ri, lanes).vectorize(ri);
-    }
+    RVar ro("ro"), ri("ri");
+    lev.update(update).allow_race_conditions().split(l.r.x, ro, ri, lanes).vectorize(ri);
 }
+
+namespace {
 
 // Band tasks: y split into bands and the bands into band tasks; the tasks
 // in parallel, a task's bands and a band's rows in order; blocks of K
@@ -101,8 +99,10 @@ void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
     Var x = out.args()[0], y = out.args()[1], z = out.args()[2];
     Var xo("xo"), xi("xi"), yo("yo"), yb("yb"), yi("yi"), zo("zo"), zi("zi");
     const int L = b.lanes, K = kBlockChunks;
-    Expr bands_per_plane = (out.output_buffer().dim(1).extent() + kBandRows - 1) / kBandRows;
-    Expr bands_per_task = max((bands_per_plane + kTasksPerPlane - 1) / kTasksPerPlane, 1);
+    auto bands_per_task = [&](const Expr &band_rows) {
+        Expr bands_per_plane = (out.output_buffer().dim(1).extent() + band_rows - 1) / band_rows;
+        return max((bands_per_plane + kTasksPerPlane - 1) / kTasksPerPlane, 1);
+    };
     BandWalks w = bands;  // Funcs are handles: scheduling a copy schedules the stage's own
     if (w.copied) {
         BandSchedule all{out, yo, yb, yi, xo, L};
@@ -112,8 +112,8 @@ void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
     }
     // The levels of the band's source rows, for each band: in RUNS a band
     // of rows runs down a slab of planes, so its levels are those of every
-    // source plane the slab reads, each computed once.
-    if (w.levels.f.defined()) schedule_levels(w.levels, out, yb, L);
+    // source plane the slab reads, each computed once.  (SEGMENTS computes
+    // its own levels row by row.)
     if (w.slab_levels.f.defined()) schedule_levels(w.slab_levels, out, yb, L);
     if (w.dirty.defined()) {
         // The NaN tests of the walks that fold: per source row, once per
@@ -155,7 +155,7 @@ void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
             Stage n = s.specialize(w.row.narrow);
             n.split(y, yg, yk, kGroupRows, TailStrategy::GuardWithIf)
                 .split(yg, yb, yi, kBandRows / kGroupRows, TailStrategy::GuardWithIf)
-                .split(yb, yo, yb, bands_per_task, TailStrategy::GuardWithIf)
+                .split(yb, yo, yb, bands_per_task(kBandRows), TailStrategy::GuardWithIf)
                 .split(x, xo, xi, L, TailStrategy::ShiftInwards)
                 .vectorize(xi)
                 .parallel(yo)
@@ -164,8 +164,10 @@ void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
                 .serial(yk);
             order(n, {xi, yk, xo, yi});
         }
-        s.split(y, yb, yi, kBandRows, TailStrategy::GuardWithIf)
-            .split(yb, yo, yb, bands_per_task, TailStrategy::GuardWithIf)
+        // SEGMENTS sizes its own bands by the box's height.
+        const Expr band_rows = c.walk == TM_WALK_SEGMENTS ? w.segment_band : Expr(kBandRows);
+        s.split(y, yb, yi, band_rows, TailStrategy::GuardWithIf)
+            .split(yb, yo, yb, bands_per_task(band_rows), TailStrategy::GuardWithIf)
             .parallel(yo)
             .serial(yb)
             .serial(yi);

@@ -44,6 +44,13 @@ constexpr int kGroupRows = 8;
 constexpr int kBandRows = 64;
 static_assert(kBandRows % kGroupRows == 0, "a band is whole groups of rows");
 
+// SEGMENTS computes the rows its band reads the same way, so its bands grow
+// with the box's height: about four times the height, in whole bands of
+// kBandRows, up to this many (a 63-row box: 256 rows, each source row
+// computed 1.24 times instead of 1.97; measured on 4096^2, 1 thread: uint8
+// 63 x 63 square 12.9 -> 7.6 ms, float32 93 -> 50 ms).
+constexpr int kSegmentBands = 4;
+
 // Rows a band keeps of every source row and fold it writes out, at most: a
 // band's rows and the mask's reach across rows.  The entry point takes a
 // band walk only for a mask that reaches no further (extent in dimension 1

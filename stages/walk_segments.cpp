@@ -10,10 +10,15 @@
 // the next (or one whole segment): the suffix of the first row and the
 // prefix of the last.
 //
+// A row's levels are needed only for its own fold, so they are computed
+// row by row just before it and stay in the nearest cache; a band's levels
+// all at once would pass through memory level by level.
+//
 // Every fold keeps the walk's order (the rows and samples the walk meets
 // first as the accumulator), so for integers and for floating rows without
 // NaN in reach the result is the walk's, -0 against +0 included; floating
-// rows with a NaN in reach walk the taps.
+// rows with a NaN in reach walk the taps, from the padded source (no row
+// of the band is kept whole for them).
 #include "band_walk.h"
 #include "walk_schedule.h"
 
@@ -30,17 +35,23 @@ void define_segments(BandWalks &b, const BandSite &s) {
     auto ordered = [&](const Expr &first, const Expr &then) { return combine(s.w, first, then, s.el); };
 
     // The box's row: the two blocks of level k that cover its e0 samples.
-    const TwoBlocks blocks = two_blocks(s.w, -se.centre[0], se.extent[0]);
+    const TwoBlocks blocks = two_blocks(s.w, -se.centre[0], se.extent[0], b.levels);
     // The band's source rows: relative row rho of band `band` is the source
-    // row its first output row reads first, plus rho.
+    // row its first output row reads first, plus rho.  A band's rows are
+    // about four times the box's height (whole bands of kBandRows, at most
+    // kSegmentBands of them), so that a source row is computed about 1.25
+    // times rather than up to twice.
     const Expr e1 = se.extent[1];
     const Expr before = erode ? se.centre[1] : e1 - 1 - se.centre[1];
-    const Expr rows = kBandRows + e1 - 1;
-    const Expr v = clamp_row(s, s.row.first_row + band * kBandRows - before + rho);
+    b.segment_band = kBandRows * clamp((4 * e1 + kBandRows - 1) / kBandRows, 1, kSegmentBands);
+    const Expr band_rows = b.segment_band;
+    const Expr rows = band_rows + e1 - 1;
+    const Expr v = clamp_row(s, s.row.first_row + band * band_rows - before + rho);
     const Expr row = ordered(b.levels.f(step(s.w, u, offset_of(blocks.first, se, 0)), v, wv, blocks.level),
                              b.levels.f(step(s.w, u, offset_of(blocks.second, se, 0)), v, wv, blocks.level));
-    Func folded(s.name + "_segment_row");
-    folded(u, rho, wv, band) = row;
+    b.segment_rows = Func(s.name + "_segment_rows");
+    b.segment_rows(u, rho, wv, band) = row;
+    const Func &folded = b.segment_rows;
 
     // Segments of e1 rows from relative row 0, each row's fold from its
     // segment's start and to its segment's end.  Erosion meets lower rows
@@ -63,8 +74,8 @@ void define_segments(BandWalks &b, const BandSite &s) {
     b.suffix(u, q, wv, band) = select(q % e1 == e1 - 1 || q == rows - 1, at, erode ? ordered(at, later) : ordered(later, at));
 
     // An output row's e1 rows: the suffix of the first, the prefix of the last.
-    const Expr out_band = (s.y - s.row.first_row) / kBandRows;
-    const Expr t = s.y - (s.row.first_row + out_band * kBandRows);
+    const Expr out_band = (s.y - s.row.first_row) / band_rows;
+    const Expr t = s.y - (s.row.first_row + out_band * band_rows);
     // (The box's one plane, through the offset's promise, so that a mask of
     // no planes bounds nothing here.)
     const Expr plane = step(s.w, s.z, offset_of(-se.centre[2], se, 2));
@@ -79,18 +90,27 @@ void define_segments(BandWalks &b, const BandSite &s) {
     b.segments(s.x, s.y, s.z) = select(b.dirty(s.y, s.z) == 0, box, s.init);
     b.segments_taps_r = tap_domain(s, s.name + "_segments_tap");
     b.segments_taps_r.where(b.dirty(s.y, s.z) != 0);
-    b.segments(s.x, s.y, s.z) = combine(s.w, b.segments(s.x, s.y, s.z), tap_sample(b.levels.level0, s, b.segments_taps_r), s.el);
+    b.segments(s.x, s.y, s.z) = combine(s.w, b.segments(s.x, s.y, s.z), tap_sample(s.src.padded, s, b.segments_taps_r), s.el);
 }
 
 void schedule_segments(const BandWalks &w, const BandSchedule &s) {
-    // The folds of the band's rows along the box's row, and their segments'
-    // folds, row by row over whole rows (the prefixes and suffixes run along
-    // the rows, so the rows are the outer loop); then each block of the
-    // output reads two of them.
+    // The band's rows folded along the box's row, row by row, each from its
+    // own levels; then their segments' folds, over whole rows (the prefixes
+    // and suffixes run along the rows, so the rows are the outer loop); then
+    // each block of the output reads two of them.
+    Func rows = w.segment_rows;
+    const Var u = rows.args()[0], rho = rows.args()[1];
+    rows.compute_at(s.out, s.yb).vectorize(u, s.lanes, TailStrategy::RoundUp);
+    schedule_levels(w.levels, rows, rho, s.lanes);
+    // One row's levels in one block for the whole band (a block per row
+    // would cost an allocation per row): each row's levels overwrite the
+    // last row's.
+    Func lev = w.levels.f;
+    lev.store_at(s.out, s.yb).fold_storage(lev.args()[1], 1);
     for (auto f : {std::make_pair(w.prefix, w.prefix_r), std::make_pair(w.suffix, w.suffix_r)}) {
-        const Var u = f.first.args()[0];
+        const Var fu = f.first.args()[0];
         f.first.compute_at(s.out, s.yb);
-        f.first.update().reorder(u, f.second.x).vectorize(u, s.lanes, TailStrategy::RoundUp);
+        f.first.update().reorder(fu, f.second.x).vectorize(fu, s.lanes, TailStrategy::RoundUp);
     }
     Func seg = w.segments;
     seg.compute_at(s.out, s.xo).vectorize(seg.args()[0], kBlockChunks * s.lanes);

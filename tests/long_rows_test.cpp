@@ -219,6 +219,46 @@ TEST_P(SlabsOfPlanes, MatchReference) {
 
 INSTANTIATE_TEST_SUITE_P(Entries, SlabsOfPlanes, testing::ValuesIn(long_run_entries()), EntryName());
 
+// Boxes walked by segments take bands of rows by their height (64 to 256
+// rows) and rows folded through up to twelve levels: images tall enough to
+// hold several such bands and a partial last one, with the output reaching
+// past the image's rows, under boxes of heights that give each band height
+// and of widths beyond 63 samples; the floating type also with ties and a
+// NaN in a few rows.
+class SegmentBands : public testing::TestWithParam<Entry> {};
+
+TEST_P(SegmentBands, MatchReference) {
+    const Entry &e = GetParam();
+    if (!e.cpu_has_level()) GTEST_SKIP() << "this processor lacks level " << e.level_word;
+    std::mt19937 rng(std::hash<std::string>()(e.name) ^ 0x5e65);
+    const int32_t boxes[][2] = {{3, 17}, {5, 33}, {2, 49}, {1, 100}, {129, 2}, {70, 20}};
+    for (const auto &box : boxes) {
+        SCOPED_TRACE("box " + std::to_string(box[0]) + " x " + std::to_string(box[1]));
+        Shape s{};
+        s.im_extent[0] = 8 * e.lanes + 3, s.im_extent[1] = 301, s.im_extent[2] = 2;
+        s.im_min[0] = 1, s.im_min[1] = -4, s.im_min[2] = 0;
+        const int32_t before[2] = {1, 3}, after[2] = {2, 5};
+        place_output(e, s, before, after);
+        s.se_extent[0] = box[0], s.se_extent[1] = box[1], s.se_extent[2] = 1;
+        s.mask.assign(size_t(box[0]) * box[1], 1);
+        random_bounds(e, s, rng);
+        check_case(e, s, rng);
+        if (e.type != "float32") continue;
+        s.lower = rng() % 2 ? 0.0 : -0.0, s.upper = rng() % 2 ? 0.0 : -0.0;
+        check_case(e, s, rng, Fill::Ties);
+        check_case(e, s, rng, Fill::SparseNan);
+    }
+}
+
+std::vector<Entry> segment_entries() {
+    std::vector<Entry> r;
+    for (const Entry &e : kEntries)
+        if (e.level_word == "avx2" && (e.type == "uint8" || e.type == "int16" || e.type == "float32")) r.push_back(e);
+    return r;
+}
+
+INSTANTIATE_TEST_SUITE_P(Entries, SegmentBands, testing::ValuesIn(segment_entries()), EntryName());
+
 // Row lengths are a * L + b for the entry point's lane count L.
 struct Len {
     int vectors, extra;
