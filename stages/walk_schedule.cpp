@@ -71,10 +71,11 @@ void folded_ring(Func fold, Func walk, const RDom &r, const BandSchedule &s) {
     block_walk(walk, r, fold, uo, s);
 }
 
-// Levels computed at `at` of `out`, level by level over whole rows.  A
-// level writes only its own level and reads only the one below, so its
-// samples are independent of each other whatever their order; Halide
-// cannot tell the two levels apart through the row's offset.
+// Levels computed at `at` of `out`: for each row, its levels one after the
+// other, each over the whole row.  A level writes only its own level and
+// reads only the one below, so its samples are independent of each other
+// whatever their order; Halide cannot tell the two levels apart through
+// the row's offset.
 void schedule_levels(const Levels &l, const Func &out, const Var &at, int lanes) {
     Func lev = l.f;
     lev.compute_at(out, at);
