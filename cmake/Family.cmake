@@ -6,6 +6,7 @@
 #   TM_OUTPUT_<op>      name of the operator's output argument
 #   TM_STAGE_<op>       name of its intermediate stage (its first walk, for a
 #                       two-stage operator), or none
+#   TM_SECOND_<op>      its second walk, or none
 #   TM_WINDOW_<op>      the image dimension bounding its window in dimension 2,
 #                       or -1
 #   TM_RESIDUE_<op>     1 where it reads the image again at the output
@@ -36,6 +37,7 @@ foreach (line IN LISTS _tm_lines)
         list(GET args 1 TM_OUTPUT_${word})
         list(GET args 2 _first)
         list(GET args 3 _second)
+        set(TM_SECOND_${word} ${_second})
         list(GET args 4 TM_WINDOW_${word})
         list(GET args 5 TM_RESIDUE_${word})
         set(TM_STAGE_${word} none)

@@ -69,10 +69,20 @@ foreach (op IN LISTS TM_OPERATORS)
                 continue()
             endif ()
             set(stage "${TM_STAGE_${op}}")
-            # A two-stage operator's pipeline is its second stage; its first
-            # is the one-stage pipeline named after the intermediate, built
-            # here whether or not a development build exports it.
-            set(pipelines ${op})
+            # The pipeline that computes the output.  Opening's second stage
+            # reads its intermediate through a window, padded outside it, as
+            # the dilation pipeline reads an image: that pipeline computes
+            # it.  Closing's reads its intermediate unpadded (the box is what
+            # it reads, so it needs no copy of its rows), and top-hat and
+            # bottom-hat read the image again: each is a pipeline of its own.
+            # The first stage is the one-stage pipeline named after the
+            # intermediate.  All are built here whether or not a development
+            # build exports them.
+            set(run_pipeline ${op})
+            if (TM_WINDOW_${op} GREATER_EQUAL 0 AND TM_RESIDUE_${op} EQUAL 0)
+                set(run_pipeline ${TM_SECOND_${op}})
+            endif ()
+            set(pipelines ${run_pipeline})
             if (NOT stage STREQUAL "none")
                 list(PREPEND pipelines ${stage})
             endif ()
@@ -93,26 +103,24 @@ foreach (op IN LISTS TM_OPERATORS)
                                    PARAMS ${params})
                 list(APPEND TM_PIPELINE_LIBS tm_${p}_${t}_${l})
                 string(APPEND _exports_c "#include \"tm_${p}_${t}_${l}.h\"\n")
+                # Its adapter from the frame's call, one per pipeline.
+                set(stage_arg "")
+                if (NOT TM_STAGE_${p} STREQUAL "none")
+                    set(stage_arg " c->stage,")
+                endif ()
+                string(APPEND _exports_c
+                       "static int run_${p}_${t}_${l}(const tm_call *c) {\n"
+                       "    return tm_${p}_${t}_${l}(c->keyimForType, c->minmax, c->strel, c->wide != 0, TM_WINDOW(c), TM_BANDS(c), TM_ROWS(c->out),${stage_arg} c->out);\n}\n")
             endforeach ()
             string(APPEND _prototypes
                    "int ${name}(halide_buffer_t *keyimForType, halide_buffer_t *minmax, halide_buffer_t *strel, halide_buffer_t *${out});\n")
-            if (stage STREQUAL "none")
-                set(first NULL)
-                string(APPEND _exports_c
-                       "static int run_${name}(const tm_call *c) {\n"
-                       "    return tm_${name}(c->keyimForType, c->minmax, c->strel, c->wide != 0, TM_WINDOW(c), TM_BANDS(c), TM_ROWS(c->out), c->out);\n}\n")
-            else ()
-                # The first stage writes the intermediate as its output.
-                set(first first_${name})
-                string(APPEND _exports_c
-                       "static int first_${name}(const tm_call *c) {\n"
-                       "    return tm_${stage}_${t}_${l}(c->keyimForType, c->minmax, c->strel, c->wide != 0, TM_WINDOW(c), TM_BANDS(c), TM_ROWS(c->stage), c->stage);\n}\n"
-                       "static int run_${name}(const tm_call *c) {\n"
-                       "    return tm_${name}(c->keyimForType, c->minmax, c->strel, c->wide != 0, TM_WINDOW(c), TM_BANDS(c), TM_ROWS(c->out), c->stage, c->out);\n}\n")
+            set(first NULL)
+            if (NOT stage STREQUAL "none")
+                set(first run_${stage}_${t}_${l})
             endif ()
             string(APPEND _exports_c
                    "__attribute__((visibility(\"default\"))) int ${name}(halide_buffer_t *keyimForType, halide_buffer_t *minmax, halide_buffer_t *strel, halide_buffer_t *${out}) {\n"
-                   "    static const tm_entry e = {TM_OP_${op}, ${code}, ${bits}, ${bytes}, TM_LANES_${t}_${l}, run_${name}, ${first}};\n"
+                   "    static const tm_entry e = {TM_OP_${op}, ${code}, ${bits}, ${bytes}, TM_LANES_${t}_${l}, run_${run_pipeline}_${t}_${l}, ${first}};\n"
                    "    return tm_frame(&e, keyimForType, minmax, strel, ${out});\n}\n\n")
             string(APPEND _version "    ${name};\n")
         endforeach ()

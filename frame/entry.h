@@ -55,12 +55,15 @@ static inline const tm_traits *tm_traits_of(tm_operator op) {
 }
 
 /* One run of a pipeline as the frame hands it over: the descriptors in the
- * pipeline's own coordinates (see run.c), the intermediate of a two-stage
- * operator (NULL otherwise), and what the frame decided for the call. */
+ * pipeline's own coordinates (see run.c), the intermediate that closing's,
+ * top-hat's and bottom-hat's second stage reads (NULL otherwise), and what
+ * the frame decided for the call. */
 typedef struct tm_call {
     halide_buffer_t *keyimForType, *minmax, *strel, *out, *stage;
     int wide; /* the image is wider than L: rows are cut into chunks */
-    /* Opening's window, in the pipeline's coordinates; may be empty. */
+    /* The window through which erosion and dilation read keyimForType
+     * (opening's second stage its intermediate; top-hat its intermediate),
+     * in the pipeline's coordinates; may be empty. */
     int32_t window_min[3], window_extent[3];
     /* The walk chosen for the call (stages/walks.h, see walk_plan.h),
      * and the mask's runs the band walks read. */
@@ -77,9 +80,9 @@ typedef int (*tm_run_fn)(const tm_call *c);
 
 /* One export: its operator, element type and lane count, and the Halide
  * pipelines (compiled under internal names) that do the work: `run` the
- * operator's (of a two-stage operator its second stage, over the
- * intermediate), `first` a two-stage operator's first stage, the erosion
- * or dilation pipeline of the same type and level computed into the
+ * one that computes the output (of a two-stage operator its second stage,
+ * over the intermediate: for opening the dilation pipeline), `first` a two-stage operator's first stage, the erosion or
+ * dilation pipeline of the same type and level computed into the
  * intermediate (NULL for one stage). */
 typedef struct {
     tm_operator op;

@@ -4,17 +4,19 @@
 // boolean image is handed to the pipeline as bytes and counted by bit 0, so
 // the pipeline's own image and output buffers are uint8 for it.
 //
-// A two-stage operator's pipeline is its second stage alone: its
-// intermediate is a fifth buffer, named after its first stage, which the
-// entry point sizes, allocates and frees (one block of the box plus one
-// element) and fills first by the erosion or dilation pipeline of the same
-// type and level, computed over the box.  So the first stage is one piece
-// of code with the one-stage operator's, and generated once, not once more
-// inside each of the four operators that begin with it.
+// A two-stage operator's intermediate is one block that the entry point
+// sizes, allocates and frees (the box plus one element) and fills first by
+// the erosion or dilation pipeline of the same type and level, computed over
+// the box.  Opening's second stage is the dilation pipeline again, over that
+// block read through a window.  Closing's (which reads the block unpadded,
+// without a copy of its rows), top-hat's and bottom-hat's (which read the
+// image as well) are pipelines of their own, their intermediate a fifth
+// buffer named after the first stage.  So a walk is generated once per type
+// and level for every operator that begins with it.
 //
 // The entry point also hands over what it decided for the call, so that
 // the pipeline never decides it again on its own: the branch (`wide`) and
-// opening's window.  It calls the pipeline in coordinates of its own
+// the window.  It calls the pipeline in coordinates of its own
 // choosing, in which no sum the pipeline forms can leave 32 bits; that is
 // why nothing here derives a decision from the image's descriptor, which
 // the entry point may have cut to the samples the call can read.
@@ -25,8 +27,6 @@
 using namespace Halide;
 
 namespace morph {
-
-constexpr bool two_stage(Op op) { return op != Op::Erode && op != Op::Dilate; }
 
 template<Op op, typename Self>
 class Operator : public Generator<Self> {
@@ -62,7 +62,6 @@ public:
         switch (op) {
         case Op::Erode: return "erode";
         case Op::Dilate: return "dilate";
-        case Op::Open: return "open";
         case Op::Close: return "close";
         case Op::TopHat: return "tophat";
         case Op::BotHat: return "bothat";
@@ -108,14 +107,14 @@ public:
     void intermediate(Sources &) {}
 };
 
-// The second stage of a two-stage operator, over the intermediate its
-// first stage stored.
+// The second stage of closing, top-hat or bottom-hat, over the intermediate
+// its first stage stored.
 template<Op op>
 class TwoStage : public Operator<op, TwoStage<op>> {
     using Base = Generator<TwoStage<op>>;
 
 public:
-    typename Base::template Input<Buffer<>> stage{op == Op::Open || op == Op::TopHat ? "imerode" : "imdilate", 3};
+    typename Base::template Input<Buffer<>> stage{op == Op::TopHat ? "imerode" : "imdilate", 3};
 
     void intermediate(Sources &s) {
         Var u("u"), v("v"), w("w");
@@ -132,7 +131,6 @@ public:
 
 HALIDE_REGISTER_GENERATOR(morph::Morphology<morph::Op::Erode>, imerode)
 HALIDE_REGISTER_GENERATOR(morph::Morphology<morph::Op::Dilate>, imdilate)
-HALIDE_REGISTER_GENERATOR(morph::TwoStage<morph::Op::Open>, imopen)
 HALIDE_REGISTER_GENERATOR(morph::TwoStage<morph::Op::Close>, imclose)
 HALIDE_REGISTER_GENERATOR(morph::TwoStage<morph::Op::TopHat>, imtophat)
 HALIDE_REGISTER_GENERATOR(morph::TwoStage<morph::Op::BotHat>, imbothat)

@@ -78,12 +78,35 @@ static int describe_stage(const tm_entry *e, const tm_view *v, tm_plan *p, uint6
         return tm_refuse(&p->why, stage, 0, (tm_span){p->box_min[0], (int64_t)p->box_min[0] + sd[0].extent - 1},
                          p->box_min[0], (int64_t)p->box_min[0] + p->box_extent[0] - 1);
     describe(&h->stage, sd, NULL, v[TM_OUT].type, 3);
-    h->call.stage = &h->stage;
+    return 0;
+}
+
+/* A call's window: all of a descriptor's own samples. */
+static void window_over(tm_call *c, const halide_buffer_t *b) {
+    for (int d = 0; d < 3; d++) {
+        c->window_min[d] = b->dim[d].min;
+        c->window_extent[d] = b->dim[d].extent;
+    }
+}
+
+/* A two-stage operator's two calls.  The first computes the intermediate
+ * from the image, read through the image's own window.  Opening's second
+ * is the dilation pipeline with the intermediate as its image, read
+ * through opening's window (outside it, the lower pad); the others' second
+ * stage reads the intermediate beside the image, top-hat's through
+ * opening's window. */
+static void lay_out_stages(const tm_entry *e, const tm_plan *p, tm_handover *h) {
+    const tm_traits *t = tm_traits_of(e->op);
+    h->first = h->call;
+    h->first.out = &h->stage;
     for (int d = 0; d < 3; d++) {
         h->call.window_min[d] = (int32_t)(p->window[d].lo - p->shift[d]);
         h->call.window_extent[d] = (int32_t)(p->window[d].hi - p->window[d].lo + 1);
     }
-    return 0;
+    if (t->window >= 0 && !t->residue)
+        h->call.keyimForType = &h->stage;
+    else
+        h->call.stage = &h->stage;
 }
 
 int tm_hand_over(const tm_entry *e, const tm_view v[TM_NARGS], tm_plan *p, uint64_t bytes, tm_handover *h) {
@@ -103,7 +126,11 @@ int tm_hand_over(const tm_entry *e, const tm_view v[TM_NARGS], tm_plan *p, uint6
     h->call.minmax = &h->mm;
     h->call.strel = &h->se;
     h->call.out = &h->out;
-    return tm_traits_of(e->op)->stage ? describe_stage(e, v, p, bytes, h) : 0;
+    window_over(&h->call, &h->im);
+    if (!tm_traits_of(e->op)->stage) return 0;
+    const int status = describe_stage(e, v, p, bytes, h);
+    if (status == 0) lay_out_stages(e, p, h);
+    return status;
 }
 
 void tm_hand_walk(const tm_entry *e, const tm_view v[TM_NARGS], const tm_plan *p, void *block, tm_handover *h) {
@@ -121,16 +148,21 @@ void tm_hand_walk(const tm_entry *e, const tm_view v[TM_NARGS], const tm_plan *p
      * window) is walked directly: its band walks would copy rows of an
      * empty domain, whose bounds the pipeline cannot size. */
     bool degenerate = p->image_dummy;
-    for (int d = 0; d < 3 && t->stage; d++) degenerate |= h->call.window_extent[d] <= 0 && t->window >= 0;
+    for (int d = 0; d < 3 && t->stage; d++) degenerate |= p->window[d].hi < p->window[d].lo && t->window >= 0;
     tm_plan_walk(e, walked, p->wide && !degenerate, t->stage ? h->stage_dim[0].extent : 0, &h->walk);
-    h->call.walk = h->walk.walk;
-    h->call.tap_runs = &h->walk.buffer;
-    h->call.longest_run = h->walk.longest;
     /* A slab is no deeper than any stage it walks (the last one moves
      * back to end on the stage's last plane). */
     int32_t slab = h->walk.slab > 0 ? h->walk.slab : 1;
     if (t->stage && slab > h->stage_dim[2].extent) slab = h->stage_dim[2].extent > 0 ? h->stage_dim[2].extent : 1;
-    h->call.slab_planes = slab;
+    /* Both stages take the one walk. */
+    tm_call *const calls[2] = {&h->call, t->stage ? &h->first : NULL};
+    for (int i = 0; i < 2 && calls[i]; i++) {
+        tm_call *c = calls[i];
+        c->walk = h->walk.walk;
+        c->tap_runs = &h->walk.buffer;
+        c->longest_run = h->walk.longest;
+        c->slab_planes = slab;
+    }
     h->stage.host = (uint8_t *)block;
 }
 

@@ -15,9 +15,11 @@
 extern "C" {
 #endif
 
-/* What the pipeline is handed, and the storage its descriptors point to. */
+/* What the pipelines are handed, and the storage their descriptors point
+ * to: `call` computes the output, a two-stage operator's `first` its
+ * intermediate. */
 typedef struct {
-    tm_call call;
+    tm_call call, first;
     halide_buffer_t out, im, mm, se, stage;
     halide_dimension_t out_dim[3], im_dim[3], mm_dim[2], se_dim[3], stage_dim[3];
     tm_walk_plan walk;

@@ -81,7 +81,7 @@ int tm_run_pipeline(const tm_entry *e, const tm_view v[TM_NARGS]) {
         advise_huge_pages(block, bytes);
         /* The first stage fills the whole intermediate before the second
          * reads any of it; a failed first stage skips the second. */
-        if (e->first) status = e->first(&h.call);
+        if (e->first) status = e->first(&h.first);
         if (status == 0) status = e->run(&h.call);
         tm_hand_release(&h);
     }

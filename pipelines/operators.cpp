@@ -13,20 +13,6 @@ const std::vector<Var> &output_vars() {
     return v;
 }
 
-// The image padded with `pad` outside its own domain.
-Func padded_image(const Sources &s, const Expr &pad) {
-    return padded(image_samples(s.image, s.el), s.im_min, s.im_extent, pad, "padded");
-}
-
-// The image as a band walk reads it.
-Source image_source(const Sources &s, const Expr &pad) {
-    Source src;
-    src.f = image_samples(s.image, s.el);
-    for (int d = 0; d < 3; d++) src.min[d] = s.im_min[d], src.extent[d] = s.im_extent[d];
-    src.pad = pad;
-    return src;
-}
-
 // One walk of a stage, every way: directly over the padded source (`direct`)
 // and as band walks over its rows (`bands`).  `value` is the walk's result
 // at the stage's coordinates, the one of the walk the entry point chose.
@@ -62,33 +48,44 @@ StageWalk stage_walk(Walk w, const Sources &s, const Func &padded_source, const 
 
 void finish_stage(StageWalk &sw, const Sources &s, Func of) { schedule_stage(of, sw.direct, s.branch, &sw.bands); }
 
-// Opening's window comes from the entry point, which places it (from 0,
+// A walk over `source`, whose samples the buffer holds over the box
+// `box_min`/`box_extent`, read through the window the entry point hands
+// over and padded with `pad` outside it.  For erosion and dilation of an
+// image the window is the image's own piece; the same pipelines run
+// opening's second stage, whose window the entry point places (from 0,
 // whatever the image's mins, and bounded in dimension 2 by the image's
 // extent in dimension 1 for imopen, in dimension 2 for imtophat) and cuts
-// it to the intermediate's box.
-StageWalk opening_walk(const Sources &s) {
-    Expr lo = pad_cast(s.lower, s.el);
-    Func q = padded(s.stage, s.window_min, s.window_extent, lo, "window", true);
+// to the intermediate's box.  The window may be empty: every read then
+// takes the pad.
+StageWalk windowed_walk(Walk w, const Sources &s, const Func &source, const Expr box_min[3],
+                        const Expr box_extent[3], const Expr &pad, const std::string &name) {
+    Func q = padded(source, s.window_min, s.window_extent, pad, "padded", true);
     // The band walks copy the window's rows.  The entry point keeps the
-    // window inside the intermediate's box whenever the element has taps;
-    // without taps it may reach beyond, but then no band walk runs, and the
-    // copy is kept to the box all the same.
+    // window inside the box whenever the element has taps; without taps it
+    // may reach beyond, but then no band walk runs, and the copy is kept to
+    // the box all the same.
     Source src;
-    src.f = s.stage;
+    src.f = source;
     for (int d = 0; d < 3; d++) {
-        Expr box_last = s.stage_min[d] + s.stage_extent[d] - 1;
-        Expr first = max(s.window_min[d], s.stage_min[d]);
+        Expr box_last = box_min[d] + box_extent[d] - 1;
+        Expr first = max(s.window_min[d], box_min[d]);
         Expr last = min(s.window_min[d] + s.window_extent[d] - 1, box_last);
         src.min[d] = first;
         src.extent[d] = max(last - first + 1, 0);
     }
-    src.pad = lo;
-    return stage_walk(Walk::Dilate, s, q, src, "imdilate");
+    src.pad = pad;
+    return stage_walk(w, s, q, src, name);
 }
 
-// Closing's intermediate reaches as far as stage 2 reads, unclipped, so the
-// second walk needs no test at all, and its band walks read the
-// intermediate's rows as they are.
+// Top-hat's second stage: opening's, over the intermediate.
+StageWalk opening_walk(const Sources &s) {
+    return windowed_walk(Walk::Dilate, s, s.stage, s.stage_min, s.stage_extent, pad_cast(s.lower, s.el), "imdilate");
+}
+
+// Closing's and bottom-hat's: the intermediate reaches as far as stage 2
+// reads, unclipped, so the second walk needs no test at all, and its band
+// walks read the intermediate's rows as they are (no copy of them, which
+// the erosion pipeline would make to pad an image).
 StageWalk closing_walk(const Sources &s) {
     Source src;
     src.f = s.stage;
@@ -106,17 +103,14 @@ void build(Op op, const Sources &s, Func out) {
     const Var &x = xyz[0], &y = xyz[1], &z = xyz[2];
     StageWalk sw;
     switch (op) {
-    case Op::Erode: {
-        Expr pad = pad_cast(s.upper, s.el);
-        sw = stage_walk(Walk::Erode, s, padded_image(s, pad), image_source(s, pad), "imerode");
+    case Op::Erode:
+        sw = windowed_walk(Walk::Erode, s, image_samples(s.image, s.el), s.im_min, s.im_extent,
+                           pad_cast(s.upper, s.el), "imerode");
         break;
-    }
-    case Op::Dilate: {
-        Expr pad = pad_cast(s.lower, s.el);
-        sw = stage_walk(Walk::Dilate, s, padded_image(s, pad), image_source(s, pad), "imdilate");
+    case Op::Dilate:
+        sw = windowed_walk(Walk::Dilate, s, image_samples(s.image, s.el), s.im_min, s.im_extent,
+                           pad_cast(s.lower, s.el), "imdilate");
         break;
-    }
-    case Op::Open:
     case Op::TopHat: sw = opening_walk(s); break;
     case Op::Close:
     case Op::BotHat: sw = closing_walk(s); break;

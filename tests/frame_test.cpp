@@ -212,7 +212,7 @@ INSTANTIATE_TEST_SUITE_P(Reports, FrameCase, ::testing::ValuesIn(kCases),
 // The pipeline sees copies: host storage, three (two) dimensions, no
 // flags, a boolean as bytes; the caller's descriptors stay as they are.
 TEST_F(FrameTest, PipelineGetsShallowCopies) {
-    Target t = target("imopen_bool_avx");
+    Target t = target("imerode_bool_avx");
     t.real = nullptr;  // through the stub, which records the copies it was given
     Call c;
     c.standard(t.type);

@@ -243,18 +243,34 @@ TEST_P(HandOver, DescribesThePlanForThePipeline) {
         EXPECT_STREQ(p.why.label, tm_traits_of(c.op)->stage);
         return;
     }
-    EXPECT_EQ(h.call.keyimForType, &h.im);
+    // The image goes to the one call of one stage and to the first stage,
+    // read through its own piece.
+    const tm_call &from_image = two_stage ? h.first : h.call;
+    EXPECT_EQ(from_image.keyimForType, &h.im);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(h.im.host) - reinterpret_cast<uintptr_t>(w.v[TM_IM].host), uint64_t(c.host_offset));
     EXPECT_EQ(h.im_dim[1].min, c.im_min1);
     EXPECT_EQ(h.im_dim[1].extent, c.im_extent1);
-    EXPECT_EQ(h.out_dim[1].min, 0);
-    if (two_stage) {
-        EXPECT_EQ(h.call.stage, &h.stage);
-        EXPECT_EQ(h.stage_dim[1].stride, c.stage_stride1);
-        EXPECT_EQ(h.stage_dim[2].stride, c.stage_stride2);
-    } else {
-        EXPECT_EQ(h.call.stage, nullptr);
+    for (int d = 0; d < 3; d++) {
+        EXPECT_EQ(from_image.window_min[d], h.im_dim[d].min);
+        EXPECT_EQ(from_image.window_extent[d], h.im_dim[d].extent);
     }
+    EXPECT_EQ(h.out_dim[1].min, 0);
+    EXPECT_EQ(h.call.out, &h.out);
+    if (!two_stage) {
+        EXPECT_EQ(h.call.stage, nullptr);
+        return;
+    }
+    EXPECT_EQ(h.first.out, &h.stage);
+    EXPECT_EQ(h.first.stage, nullptr);
+    EXPECT_EQ(h.first.minmax, &h.mm);
+    EXPECT_EQ(h.stage_dim[1].stride, c.stage_stride1);
+    EXPECT_EQ(h.stage_dim[2].stride, c.stage_stride2);
+    // Opening's second stage is the dilation pipeline over the
+    // intermediate; the others read it beside the image.
+    const tm_traits *t = tm_traits_of(c.op);
+    const bool as_image = t->window >= 0 && !t->residue;
+    EXPECT_EQ(h.call.keyimForType, as_image ? &h.stage : &h.im);
+    EXPECT_EQ(h.call.stage, as_image ? nullptr : &h.stage);
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, HandOver, testing::ValuesIn(kHands), CaseName());
