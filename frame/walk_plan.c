@@ -171,7 +171,8 @@ static int32_t choose(const tm_entry *e, const tm_view v[TM_NARGS], int wide, in
      * plane the mask reaches, a few times over (the rows, their folds), and
      * the levels besides for the walks by doubled folds. */
     const int64_t width = max64(v[TM_OUT].extent[0], stage_width) + ext[0] + block + ((int64_t)1 << TM_RUN_LEVELS);
-    if (full && !narrow && by_segments(e, ext, width, fits)) {
+    /* On rows narrower than a block only the integer types have segments. */
+    if (full && (!narrow || e->code != halide_type_float) && by_segments(e, ext, width, fits)) {
         p->longest = (int32_t)ext[0];
         return TM_WALK_SEGMENTS;
     }
@@ -190,9 +191,9 @@ static int32_t choose(const tm_entry *e, const tm_view v[TM_NARGS], int wide, in
      * a box is walked by taps (measured: float32 3 x 3 by taps about 0.7 of
      * the time of the fold; from 5 x 5 on the fold is faster). */
     if (full && e->code == halide_type_float && ext[0] * ext[1] * ext[2] <= TM_FLOAT_TAPS_BEFORE_FOLD) full = 0;
-    /* Rows narrower than a block: of the band walks only those of runs take
-     * them (stages/walks.h), so a box goes by its runs there, and floating
-     * types by taps. */
+    /* Rows narrower than a block: of the other band walks only those of runs
+     * take them (stages/walks.h), so a box goes by its runs there, and
+     * floating types by taps. */
     if (narrow) {
         if (full && !fits) return TM_WALK_DIRECT;
         full = 0;

@@ -248,7 +248,7 @@ std::vector<BandCase> band_cases(const BandWalks &b) {
             {TM_WALK_BOX, b.box, Func()},
             {TM_WALK_PLANES, b.plane_box, Func()},
             {TM_WALK_RUNS, b.runs_walk, b.runs_rows},
-            {TM_WALK_SEGMENTS, b.segments, Func()}};
+            {TM_WALK_SEGMENTS, b.segments, b.segments_rows}};
 }
 
 BandWalks band_walks(Walk w, const Source &src, const Strel &se, const Runs &runs, const Element &el,

@@ -200,9 +200,10 @@ struct BandWalks {
     // the band's rows `prefix_r`) and to its end (`suffix`, over
     // `suffix_r`, backwards); an output row reads one of each (`segments`;
     // floating rows with a NaN in reach by taps from the padded source, its
-    // update over `segments_taps_r`).
+    // update over `segments_taps_r`; on rows narrower than a block
+    // `segments_rows`, integer types only, the same two reads).
     // Its bands are `segment_band` output rows high (walk_schedule.h).
-    Halide::Func segment_rows, prefix, suffix, segments;
+    Halide::Func segment_rows, prefix, suffix, segments, segments_rows;
     Halide::Expr segment_band;
     Halide::RDom prefix_r, suffix_r, segments_taps_r;
 };

@@ -146,17 +146,18 @@ void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
             inner.insert(inner.end(), {zi, yb, yo, zo});
             st.split(z, zo, zi, b.slab_planes, TailStrategy::ShiftInwards).reorder(inner).parallel(zo).serial(zi);
         };
+        // SEGMENTS sizes its own bands by the box's height.
+        const Expr band_rows = c.walk == TM_WALK_SEGMENTS ? w.segment_band : Expr(kBandRows);
         if (c.narrow.defined()) {
             // Rows narrower than a block, for the walks that take them
-            // (walks.h; a branch costs compile time in every one of the 162
-            // pipelines): groups of kGroupRows rows, a band of kBandRows
-            // rows being a number of groups, and each group walked one
-            // chunk at a time.
+            // (walks.h; a branch costs compile time in every pipeline, and
+            // SEGMENTS's about 2.3 s of a pipeline's 8): groups of kGroupRows rows, a band being a number
+            // of groups, and each group walked one chunk at a time.
             Var yg("yg"), yk("yk");
             Stage n = s.specialize(w.row.narrow);
             n.split(y, yg, yk, kGroupRows, TailStrategy::GuardWithIf)
-                .split(yg, yb, yi, kBandRows / kGroupRows, TailStrategy::GuardWithIf)
-                .split(yb, yo, yb, bands_per_task(kBandRows), TailStrategy::GuardWithIf)
+                .split(yg, yb, yi, band_rows / kGroupRows, TailStrategy::GuardWithIf)
+                .split(yb, yo, yb, bands_per_task(band_rows), TailStrategy::GuardWithIf)
                 .split(x, xo, xi, L, TailStrategy::ShiftInwards)
                 .vectorize(xi)
                 .parallel(yo)
@@ -165,8 +166,6 @@ void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
                 .serial(yk);
             order(n, {xi, yk, xo, yi});
         }
-        // SEGMENTS sizes its own bands by the box's height.
-        const Expr band_rows = c.walk == TM_WALK_SEGMENTS ? w.segment_band : Expr(kBandRows);
         s.split(y, yb, yi, band_rows, TailStrategy::GuardWithIf)
             .split(yb, yo, yb, bands_per_task(band_rows), TailStrategy::GuardWithIf)
             .parallel(yo)

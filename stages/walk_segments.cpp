@@ -84,6 +84,10 @@ void define_segments(BandWalks &b, const BandSite &s) {
     b.segments = Func(s.name + "_segments");
     if (!s.el.is_float()) {
         b.segments(s.x, s.y, s.z) = box;
+        // Rows narrower than a block: the same two reads, inlined into the
+        // stage's chunks of a group of rows.
+        b.segments_rows = Func(s.name + "_segments_rows");
+        b.segments_rows(s.x, s.y, s.z) = box;
         return;
     }
     // Floating rows with a NaN in reach walk the taps.

@@ -23,10 +23,11 @@
  *           the end of segments of the box's height, two of them a sample.
  *
  * Every band walk computes rows in blocks of TM_BLOCK_CHUNKS chunks.  TAPS,
- * and RUNS for the integer types, also take rows narrower than a block, in
- * blocks of one chunk of TM_GROUP_ROWS rows; on such rows a box goes by
- * its runs, and a floating mask by TAPS.  The walks that fold (BOX, RUNS,
- * SEGMENTS) walk floating rows with a NaN in reach by taps. */
+ * and RUNS and SEGMENTS for the integer types, also take rows narrower than
+ * a block, in blocks of one chunk of TM_GROUP_ROWS rows; on such rows a box
+ * goes by segments or by its runs, and a floating mask by TAPS.  The walks
+ * that fold (BOX, RUNS, SEGMENTS) walk floating rows with a NaN in reach by
+ * taps. */
 #ifndef TM_WALKS_H
 #define TM_WALKS_H
 

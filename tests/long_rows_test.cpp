@@ -229,8 +229,8 @@ INSTANTIATE_TEST_SUITE_P(Entries, SlabsOfPlanes, testing::ValuesIn(long_run_entr
 // rows) and rows folded through up to twelve levels: images tall enough to
 // hold several such bands and a partial last one, with the output reaching
 // past the image's rows, under boxes of heights that give each band height
-// and of widths beyond 63 samples; the floating type also with ties and a
-// NaN in a few rows.
+// and of widths beyond 63 samples, on rows of a block and more and rows
+// of two chunks; the floating type also with ties and a NaN in a few rows.
 class SegmentBands : public testing::TestWithParam<Entry> {};
 
 TEST_P(SegmentBands, MatchReference) {
@@ -238,10 +238,15 @@ TEST_P(SegmentBands, MatchReference) {
     if (!e.cpu_has_level()) GTEST_SKIP() << "this processor lacks level " << e.level_word;
     std::mt19937 rng(std::hash<std::string>()(e.name) ^ 0x5e65);
     const int32_t boxes[][2] = {{3, 17}, {5, 33}, {2, 49}, {1, 100}, {129, 2}, {70, 20}};
-    for (const auto &box : boxes) {
-        SCOPED_TRACE("box " + std::to_string(box[0]) + " x " + std::to_string(box[1]));
+    for (int i = 0; i < 12; i++) {
+        // Every box on rows of a block and more, and again on rows of two
+        // chunks (segments for the integer types there too).
+        const int32_t *box = boxes[i % 6];
+        const int32_t width = i < 6 ? 8 * e.lanes + 3 : 2 * e.lanes + 1;
+        SCOPED_TRACE("box " + std::to_string(box[0]) + " x " + std::to_string(box[1]) + ", rows of " +
+                     std::to_string(width));
         Shape s{};
-        s.im_extent[0] = 8 * e.lanes + 3, s.im_extent[1] = 301, s.im_extent[2] = 2;
+        s.im_extent[0] = width, s.im_extent[1] = 301, s.im_extent[2] = 2;
         s.im_min[0] = 1, s.im_min[1] = -4, s.im_min[2] = 0;
         const int32_t before[2] = {1, 3}, after[2] = {2, 5};
         place_output(e, s, before, after);
