@@ -150,9 +150,10 @@ void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
         const Expr band_rows = c.walk == TM_WALK_SEGMENTS ? w.segment_band : Expr(kBandRows);
         if (c.narrow.defined()) {
             // Rows narrower than a block, for the walks that take them
-            // (walks.h; a branch costs compile time in every pipeline, and
-            // SEGMENTS's about 2.3 s of a pipeline's 8): groups of kGroupRows rows, a band being a number
-            // of groups, and each group walked one chunk at a time.
+            // (walks.h; a branch costs compile time in every pipeline,
+            // SEGMENTS's about 2.3 s of a pipeline's 8): groups of
+            // kGroupRows rows, a band being a number of groups, and each
+            // group walked one chunk at a time.
             Var yg("yg"), yk("yk");
             Stage n = s.specialize(w.row.narrow);
             n.split(y, yg, yk, kGroupRows, TailStrategy::GuardWithIf)
