@@ -5,7 +5,7 @@
 The extension `_core` is CMake's target of the same name (python/CMakeLists.txt),
 which links the library's pipelines statically; this file only drives CMake for
 that target, for the Python that runs pip, and copies the module next to the
-pure-Python files.  Generating the 162 pipelines takes most of a build (minutes
+pure-Python files.  Generating the 135 pipelines takes most of a build (minutes
 on a small machine); with TM_PIPELINES_FROM=<a build directory of the same
 sources> the build links that directory's pipelines instead.  TM_CMAKE names
 the cmake to run, TM_BUILD_JOBS the parallel jobs (default: all cores).

@@ -1,4 +1,4 @@
-# Links the generator and the 162 pipelines of another build directory of
+# Links the generator and the pipelines of another build directory of
 # the same sources (TM_PIPELINES_FROM) instead of generating them again.
 #
 # The sanitizer and fuzz builds change how the frame, the dispatch and the

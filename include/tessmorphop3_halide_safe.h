@@ -3,7 +3,7 @@
  * refused call back as a status and a message, never as the end of the
  * process.
  *
- * libtessmorphop3_halide_safe carries its own copy of the 162 pipelines and
+ * libtessmorphop3_halide_safe carries its own copy of the pipelines and
  * of their runtime, with an error handler that returns, and exports only the
  * functions below (all named tms_*): it can sit in one process beside
  * libtessmorphop3_halide, whose exports keep their aborting handler.  Calls
