@@ -149,8 +149,8 @@ static int32_t choose(const tm_entry *e, const tm_view v[TM_NARGS], int wide, in
     const tm_view *se = &v[TM_SE];
     const int two_stage = tm_traits_of(e->op)->stage != NULL;
     /* Rows narrower than a block walk blocks of one chunk of several rows
-     * (the walks of runs only, below); rows narrower than one chunk have no
-     * band walk. */
+     * (not every walk: stages/walks.h); rows narrower than one chunk have
+     * no band walk. */
     const int64_t block = (int64_t)TM_BLOCK_CHUNKS * e->lanes;
     if (!wide || v[TM_OUT].extent[0] < e->lanes || (two_stage && stage_width < e->lanes)) return TM_WALK_DIRECT;
     const int narrow = v[TM_OUT].extent[0] < block || (two_stage && stage_width < block);
