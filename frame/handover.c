@@ -149,7 +149,7 @@ void tm_hand_walk(const tm_entry *e, const tm_view v[TM_NARGS], const tm_plan *p
      * empty domain, whose bounds the pipeline cannot size. */
     bool degenerate = p->image_dummy;
     for (int d = 0; d < 3 && t->stage; d++) degenerate |= p->window[d].hi < p->window[d].lo && t->window >= 0;
-    tm_plan_walk(e, walked, p->wide && !degenerate, t->stage ? h->stage_dim[0].extent : 0, &h->walk);
+    tm_plan_walk(e, walked, p->wide && !degenerate, t->stage ? h->stage_dim[0].extent : 0, &h->im, &h->walk);
     /* A slab is no deeper than any stage it walks (the last one moves
      * back to end on the stage's last plane). */
     int32_t slab = h->walk.slab > 0 ? h->walk.slab : 1;

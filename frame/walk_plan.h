@@ -32,8 +32,10 @@ typedef struct {
 /* `wide`: the call may take a band walk (its image is wider than L, and it
  * reads something of the image and of any window); `stage_width`: the
  * intermediate's extent in dimension 0 as the pipeline computes it
- * (two-stage operators). */
-void tm_plan_walk(const tm_entry *e, const tm_view v[TM_NARGS], int wide, int32_t stage_width, tm_walk_plan *p);
+ * (two-stage operators); `image`: the piece of the image the pipeline
+ * reads, as handed over (NULL: a NaN may be anywhere). */
+void tm_plan_walk(const tm_entry *e, const tm_view v[TM_NARGS], int wide, int32_t stage_width,
+                  const halide_buffer_t *image, tm_walk_plan *p);
 /* Releases what tm_plan_walk allocated. */
 void tm_walk_plan_release(tm_walk_plan *p);
 

@@ -201,7 +201,8 @@ struct BandWalks {
     // `suffix_r`, backwards); an output row reads one of each (`segments`;
     // floating rows with a NaN in reach by taps from the padded source, its
     // update over `segments_taps_r`; on rows narrower than a block
-    // `segments_rows`, integer types only, the same two reads).
+    // `segments_rows`, the same two reads, for floating types only where
+    // no NaN is in reach of the call).
     // Its bands are `segment_band` output rows high (walk_schedule.h).
     Halide::Func segment_rows, prefix, suffix, segments, segments_rows;
     Halide::Expr segment_band;

@@ -82,15 +82,18 @@ void define_segments(BandWalks &b, const BandSite &s) {
     const Expr lower = b.suffix(s.x, t, plane, out_band), upper = b.prefix(s.x, t + e1 - 1, plane, out_band);
     const Expr box = erode ? ordered(lower, upper) : ordered(upper, lower);
     b.segments = Func(s.name + "_segments");
+    // Rows narrower than a block: the same two reads, inlined into the
+    // stage's chunks of a group of rows.  The entry point takes them for
+    // floating types only where no NaN is in reach of the call (neither in
+    // the image's piece nor in the pad; an intermediate computed from such
+    // an image holds none either), so they need no test of their own.
+    b.segments_rows = Func(s.name + "_segments_rows");
+    b.segments_rows(s.x, s.y, s.z) = box;
     if (!s.el.is_float()) {
         b.segments(s.x, s.y, s.z) = box;
-        // Rows narrower than a block: the same two reads, inlined into the
-        // stage's chunks of a group of rows.
-        b.segments_rows = Func(s.name + "_segments_rows");
-        b.segments_rows(s.x, s.y, s.z) = box;
         return;
     }
-    // Floating rows with a NaN in reach walk the taps.
+    // Wider floating rows with a NaN in reach walk the taps.
     b.segments(s.x, s.y, s.z) = select(b.dirty(s.y, s.z) == 0, box, s.init);
     b.segments_taps_r = tap_domain(s, s.name + "_segments_tap");
     b.segments_taps_r.where(b.dirty(s.y, s.z) != 0);

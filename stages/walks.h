@@ -23,11 +23,12 @@
  *           the end of segments of the box's height, two of them a sample.
  *
  * Every band walk computes rows in blocks of TM_BLOCK_CHUNKS chunks.  TAPS,
- * and RUNS and SEGMENTS for the integer types, also take rows narrower than
- * a block, in blocks of one chunk of TM_GROUP_ROWS rows; on such rows a box
- * goes by segments or by its runs, and a floating mask by TAPS.  The walks
- * that fold (BOX, RUNS, SEGMENTS) walk floating rows with a NaN in reach by
- * taps. */
+ * RUNS for the integer types and SEGMENTS also take rows narrower than a
+ * block, in blocks of one chunk of TM_GROUP_ROWS rows; on such rows a box
+ * goes by segments or by its runs, and any other floating mask by TAPS.
+ * The walks that fold (BOX, RUNS, SEGMENTS) walk floating rows with a NaN
+ * in reach by taps; on rows narrower than a block SEGMENTS takes floating
+ * calls only where no NaN is in reach at all. */
 #ifndef TM_WALKS_H
 #define TM_WALKS_H
 

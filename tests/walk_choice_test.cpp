@@ -8,6 +8,7 @@
 // choice, so that a change of a threshold shows here first.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -56,6 +57,9 @@ struct Row {
     int32_t stage_width;  // two-stage: the intermediate's width, in chunks
     Mask mask;
     int expected;
+    // Floating calls: where a NaN lies in reach (none, in the image's piece,
+    // in the bound the operator pads with).
+    enum { kNone, kImage, kPad } nan = kNone;
 };
 
 const int32_t kBlock = TM_BLOCK_CHUNKS;
@@ -89,8 +93,10 @@ const Row kRows[] = {
     {"7 x 7 box on rows of two chunks: by its runs", T::UInt8, false, true, 0, 2, 0, 0, box(7, 7), TM_WALK_RUNS},
     {"127 x 127 square on rows of one chunk: by segments", T::UInt16, false, true, 0, 1, 0, 0, box(127, 127),
      TM_WALK_SEGMENTS},
-    {"floating 127 x 127 square on rows narrower than a block: direct", T::Float32, false, true, 0, 7, 0, 0,
-     box(127, 127), TM_WALK_DIRECT},
+    {"floating 127 x 127 square on rows narrower than a block, no NaN: by segments", T::Float32, false, true, 0, 7,
+     0, 0, box(127, 127), TM_WALK_SEGMENTS},
+    {"floating 127 x 127 square on rows narrower than a block, a NaN in the image: direct", T::Float32, false, true,
+     0, 7, 0, 0, box(127, 127), TM_WALK_DIRECT, Row::kImage},
     {"output one sample short of a block", T::UInt8, false, true, 0, kBlock, -1, 0, box(3, 3), TM_WALK_TAPS},
     {"output of exactly one block", T::UInt8, false, true, 0, kBlock, 0, 0, box(3, 3), TM_WALK_BOX},
     {"two-stage, intermediate narrower than one chunk", T::UInt8, true, true, 0, 4, 0, 0, box(3, 3),
@@ -112,8 +118,16 @@ const Row kRows[] = {
      disk(15), TM_WALK_RUNS},
     {"disk of 15, floating, rows narrower than a block: taps", T::Float32, false, true, 0, kBlock - 1, 0, 0, disk(15),
      TM_WALK_TAPS},
-    {"floating 15 x 15 box on rows narrower than a block: taps", T::Float32, false, true, 0, 2, 0, 0, box(15, 15),
-     TM_WALK_TAPS},
+    {"floating 15 x 15 box on rows narrower than a block, no NaN: by segments", T::Float32, false, true, 0, 2, 0, 0,
+     box(15, 15), TM_WALK_SEGMENTS},
+    {"floating 15 x 15 box on rows narrower than a block, a NaN in the image: taps", T::Float32, false, true, 0, 2, 0,
+     0, box(15, 15), TM_WALK_TAPS, Row::kImage},
+    {"floating 15 x 15 box on rows narrower than a block, a NaN pad: taps", T::Float32, false, true, 0, 2, 0, 0,
+     box(15, 15), TM_WALK_TAPS, Row::kPad},
+    {"floating 15 x 15 box, a NaN in the image: by segments, which test each row", T::Float32, false, true, 0, 16, 0,
+     0, box(15, 15), TM_WALK_SEGMENTS, Row::kImage},
+    {"floating opening by 15 x 15 on an intermediate narrower than a block, no NaN: by segments", T::Float32, true,
+     true, 0, 16, 0, 2, box(15, 15), TM_WALK_SEGMENTS},
     {"disk of 15 on rows of two chunks", T::UInt8, false, true, 0, 2, 0, 0, disk(15), TM_WALK_RUNS},
     {"disk of 63: runs of up to 63 taps", T::UInt8, false, true, 0, 128, 0, 0, disk(63), TM_WALK_RUNS},
     {"runs of 63 and 6: the longest level holds", T::UInt8, false, true, 0, 16, 0, 0, row_with_gap(70, 63),
@@ -167,8 +181,20 @@ TEST_P(WalkChoice, PicksItsWalk) {
     v[2].stride[0] = 1, v[2].stride[1] = r.mask.e[0], v[2].stride[2] = r.mask.e[0] * r.mask.e[1];
     v[3].extent[0] = r.chunks * lanes + r.extra;
     v[3].extent[1] = v[3].extent[2] = 1;
+    // The bounds (lower, upper) and the image's piece: three rows of four
+    // samples, a NaN in the last sample where the row says so.
+    double bounds[2] = {0.0, r.nan == Row::kPad ? std::nan("") : 1.0};
+    v[1].host = bounds;
+    v[1].extent[0] = 2, v[1].extent[1] = 1, v[1].stride[0] = 1, v[1].stride[1] = 2;
+    float samples[12] = {};
+    if (r.nan == Row::kImage) samples[11] = std::nanf("");
+    halide_dimension_t dim[3] = {{0, 4, 1, 0}, {0, 3, 4, 0}, {0, 1, 12, 0}};
+    halide_buffer_t image = {};
+    image.host = reinterpret_cast<uint8_t *>(samples);
+    image.dimensions = 3;
+    image.dim = dim;
     tm_walk_plan p;
-    tm_plan_walk(&e, v, r.wide, r.stage_width * lanes, &p);
+    tm_plan_walk(&e, v, r.wide, r.stage_width * lanes, &image, &p);
     EXPECT_STREQ(walk_name(p.walk), walk_name(r.expected));
     tm_walk_plan_release(&p);
 }
@@ -203,7 +229,7 @@ TEST(SlabPlanes, FollowTheMaskTheOutputAndTheMemory) {
         mask[1] = 0;  // not a box: the walk of runs
         v[3].extent[0] = r.chunks * lanes, v[3].extent[1] = 1, v[3].extent[2] = r.out_planes;
         tm_walk_plan p;
-        tm_plan_walk(&e, v, 1, 0, &p);
+        tm_plan_walk(&e, v, 1, 0, nullptr, &p);
         EXPECT_EQ(p.slab, r.expected);
         EXPECT_STREQ(walk_name(p.walk), walk_name(r.expected > 0 ? TM_WALK_RUNS : TM_WALK_TAPS));
         tm_walk_plan_release(&p);
