@@ -232,7 +232,9 @@ INSTANTIATE_TEST_SUITE_P(Entries, SlabsOfPlanes, testing::ValuesIn(long_run_entr
 // hold several such bands and a partial last one, with the output reaching
 // past the image's rows, under boxes of heights that give each band height
 // and of widths beyond 63 samples, on rows of a block and more and rows
-// of two chunks; the floating type also with ties and a NaN in a few rows.
+// of two chunks; the floating types also with ties, with a NaN in a few
+// rows and with NaN pads (float64 on rows of two chunks only, where the
+// entry point looks for NaN itself).
 class SegmentBands : public testing::TestWithParam<Entry> {};
 
 TEST_P(SegmentBands, MatchReference) {
@@ -245,6 +247,7 @@ TEST_P(SegmentBands, MatchReference) {
         // chunks (segments there too, for floating types where no NaN is in
         // reach: the sparse NaN in the image, or in the pads, send them to
         // the taps).
+        if (e.type == "float64" && i < 6) continue;
         const int32_t *box = boxes[i % 6];
         const int32_t width = i < 6 ? 8 * e.lanes + 3 : 2 * e.lanes + 1;
         SCOPED_TRACE("box " + std::to_string(box[0]) + " x " + std::to_string(box[1]) + ", rows of " +
@@ -258,16 +261,16 @@ TEST_P(SegmentBands, MatchReference) {
         s.mask.assign(size_t(box[0]) * box[1], 1);
         random_bounds(e, s, rng);
         check_case(e, s, rng);
-        if (e.type != "float32") continue;
+        if (e.type != "float32" && e.type != "float64") continue;
         s.lower = rng() % 2 ? 0.0 : -0.0, s.upper = rng() % 2 ? 0.0 : -0.0;
         check_case(e, s, rng, Fill::Ties);
         check_case(e, s, rng, Fill::SparseNan);
         s.lower = s.upper = std::nan("");
-        check_case(e, s, rng);
+        check_case(e, s, rng, Fill::Ties);
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Entries, SegmentBands, testing::ValuesIn(best_level_entries({"uint8", "int16", "float32"})),
+INSTANTIATE_TEST_SUITE_P(Entries, SegmentBands, testing::ValuesIn(best_level_entries({"uint8", "int16", "float32", "float64"})),
                          EntryName());
 
 // Row lengths are a * L + b for the entry point's lane count L.
