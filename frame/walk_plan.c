@@ -10,7 +10,7 @@
  * the walks of boxes, which fold rows and planes separately.
  *
  * A band walk needs rows at least one chunk wide (every stage of the call;
- * rows narrower than a block walk blocks of one chunk of several rows), and
+ * rows narrower than a block walk blocks of two chunks of several rows), and
  * a band holds its rows and their folds, so a mask with a very long reach
  * across rows or planes keeps the direct walk (but for a box of one plane,
  * which goes by segments), as does a mask with more runs than the list
@@ -197,7 +197,7 @@ static int32_t choose(const tm_entry *e, const tm_view v[TM_NARGS], int wide, in
                       const halide_buffer_t *image, tm_walk_plan *p) {
     const tm_view *se = &v[TM_SE];
     const int two_stage = tm_traits_of(e->op)->stage != NULL;
-    /* Rows narrower than a block walk blocks of one chunk of several rows
+    /* Rows narrower than a block walk blocks of two chunks of several rows
      * (not every walk: stages/walks.h); rows narrower than one chunk have
      * no band walk. */
     const int64_t block = (int64_t)TM_BLOCK_CHUNKS * e->lanes;

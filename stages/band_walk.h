@@ -32,11 +32,15 @@ struct BandSite {
 
 // Where a band walk's branch is scheduled: the stage `out`, its band task
 // (`yo`), band (`yb`), row (`yi`; on rows narrower than a block, the group
-// of rows) and block (`xo`) loops, and the lanes.
+// of rows) and block (`xo`) loops, the lanes, and the chunks of a block of
+// a group of rows.
 struct BandSchedule {
     Halide::Func out;
     Halide::Var yo, yb, yi, xo;
     int lanes;
+    // Chunks and rows of a block on rows narrower than a block
+    // (walk_schedule.h).
+    int group_chunks, group_rows;
 };
 
 // The coordinate a walk reads at offset r from its own coordinate c.
@@ -115,8 +119,8 @@ void block_fold(Halide::Func walk, int update, const Halide::RDom &r, const Band
 // A walk computed per block of chunks of `at`'s loop `xo`.
 void block_walk(Halide::Func walk, const Halide::RDom &r, Halide::Func at, const Halide::Var &xo,
                 const BandSchedule &s);
-// A walk on rows narrower than a block, computed per block of one chunk of
-// kGroupRows rows of the stage (its loop `xo`).
+// A walk on rows narrower than a block, computed per block of kGroupChunks
+// chunks of kGroupRows rows of the stage (its loop `xo`).
 void rows_walk(Halide::Func walk, const Halide::RDom &r, const BandSchedule &s);
 // A ring of folds `fold`, computed block by block from `walk`.
 void folded_ring(Halide::Func fold, Halide::Func walk, const Halide::RDom &r, const BandSchedule &s);

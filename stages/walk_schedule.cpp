@@ -49,18 +49,21 @@ void block_walk(Func walk, const RDom &r, Func at, const Var &xo, const BandSche
     block_fold(walk, 0, r, s);
 }
 
-// On rows narrower than a block the block is one chunk of kGroupRows rows:
-// as many accumulators as a block of a wide row, the walk's bookkeeping per
-// run paid once for all of them.  The block always has all its rows (the
-// last group of a stage computes rows past its end, which are never
-// stored), so that its accumulators stay in registers.
+// On rows narrower than a block the block is kGroupChunks chunks of
+// kGroupRows rows: as many accumulators as a block of a wide row, the
+// walk's bookkeeping per run paid once for all of them.  The block always
+// has all its rows and chunks (the last group of a stage computes rows past
+// its end, and the last pair of chunks of a row with an odd number of them
+// a chunk past its end, which are never stored), so that its accumulators
+// stay in registers.
 void rows_walk(Func walk, const RDom &r, const BandSchedule &s) {
     Var wx = walk.args()[0], wy = walk.args()[1];
-    walk.compute_at(s.out, s.xo).bound_extent(wy, kGroupRows);
-    walk.vectorize(wx, s.lanes).unroll(wy);
+    const int width = s.group_chunks * s.lanes;
+    walk.compute_at(s.out, s.xo).bound_extent(wy, s.group_rows);
+    walk.vectorize(wx, width, TailStrategy::RoundUp).unroll(wy);
     std::vector<VarOrRVar> order = {wx, wy};
     for (int i = 0; i < r.dimensions(); i++) order.push_back(r[i]);
-    walk.update().vectorize(wx, s.lanes).unroll(wy).reorder(order);
+    walk.update().vectorize(wx, width, TailStrategy::RoundUp).unroll(wy).reorder(order);
 }
 
 // The fold kept per source row, computed block by block of K chunks (the
@@ -97,20 +100,27 @@ namespace {
 
 // Band tasks: y split into bands and the bands into band tasks; the tasks
 // in parallel, a task's bands and a band's rows in order; blocks of K
-// chunks along x, or on rows narrower than a block blocks of one chunk of
-// kGroupRows rows (the walks that take such rows have Funcs of their own
-// for them).
+// chunks along x, or on rows narrower than a block blocks of kGroupChunks
+// chunks of kGroupRows rows (the walks that take such rows have Funcs of
+// their own for them).
 void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
     Var x = out.args()[0], y = out.args()[1], z = out.args()[2];
     Var xo("xo"), xi("xi"), yo("yo"), yb("yb"), yi("yi"), zo("zo"), zi("zi");
     const int L = b.lanes, K = kBlockChunks;
+    // A pair of chunks on rows narrower than a block walks a chunk past the
+    // row's end where the row has an odd number of chunks: a source with a
+    // pad has its rows written out, as wide as the walk reads them; one
+    // without (closing's intermediate) holds nothing there, so its rows are
+    // walked a chunk at a time, in groups of twice the rows.
+    const int group_chunks = bands.copied ? kGroupChunks : 1;
+    const int group_rows = kGroupRows * kGroupChunks / group_chunks;
     auto bands_per_task = [&](const Expr &band_rows) {
         Expr bands_per_plane = (out.output_buffer().dim(1).extent() + band_rows - 1) / band_rows;
         return max((bands_per_plane + kTasksPerPlane - 1) / kTasksPerPlane, 1);
     };
     BandWalks w = bands;  // Funcs are handles: scheduling a copy schedules the stage's own
     if (w.copied) {
-        BandSchedule all{out, yo, yb, yi, xo, L};
+        BandSchedule all{out, yo, yb, yi, xo, L, group_chunks, group_rows};
         ring(w.rows, all);
         RVar co("co"), ci("ci");
         w.rows.update().split(w.copy.x, co, ci, L, TailStrategy::GuardWithIf).vectorize(ci);
@@ -156,20 +166,24 @@ void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
             // Rows narrower than a block, for the walks that take them
             // (walks.h; a branch costs compile time in every pipeline,
             // SEGMENTS's about 2.3 s of a pipeline's 8): groups of
-            // kGroupRows rows, a band being a number of groups, and each
-            // group walked one chunk at a time.
-            Var yg("yg"), yk("yk");
+            // group_rows rows, a band being a number of groups, each group
+            // walked group_chunks chunks at a time.  The chunks are those of
+            // a row of chunks (the last moved back inwards), paired from the
+            // row's start, so that a row of one to two chunks is one pair
+            // and the pair's walk never reaches past a chunk beyond the row.
+            Var yg("yg"), yk("yk"), xc("xc");
             Stage n = s.specialize(w.row.narrow);
-            n.split(y, yg, yk, kGroupRows, TailStrategy::GuardWithIf)
-                .split(yg, yb, yi, band_rows / kGroupRows, TailStrategy::GuardWithIf)
+            n.split(y, yg, yk, group_rows, TailStrategy::GuardWithIf)
+                .split(yg, yb, yi, band_rows / group_rows, TailStrategy::GuardWithIf)
                 .split(yb, yo, yb, bands_per_task(band_rows), TailStrategy::GuardWithIf)
                 .split(x, xo, xi, L, TailStrategy::ShiftInwards)
+                .split(xo, xo, xc, group_chunks, TailStrategy::GuardWithIf)
                 .vectorize(xi)
                 .parallel(yo)
                 .serial(yb)
                 .serial(yi)
                 .serial(yk);
-            order(n, {xi, yk, xo, yi});
+            order(n, {xi, yk, xc, xo, yi});
         }
         s.split(y, yb, yi, band_rows, TailStrategy::GuardWithIf)
             .split(yb, yo, yb, bands_per_task(band_rows), TailStrategy::GuardWithIf)
@@ -178,7 +192,7 @@ void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
             .serial(yi);
         s.split(x, xo, xi, K * L, TailStrategy::ShiftInwards).vectorize(xi);
         if (slabs) order(s, {xi, xo, yi});
-        const BandSchedule at{out, yo, yb, yi, xo, L};
+        const BandSchedule at{out, yo, yb, yi, xo, L, group_chunks, group_rows};
         switch (c.walk) {
         case TM_WALK_TAPS: schedule_taps(w, at); break;
         case TM_WALK_BOX: schedule_box(w, at); break;

@@ -1,6 +1,6 @@
 // Long rows at every entry point against the scalar reference.  Rows at
 // least one chunk wide go to the band walks (below one block in groups of
-// rows of one chunk), chosen by the mask: each mask below aims at one of
+// rows of two chunks), chosen by the mask: each mask below aims at one of
 // them (the tap walk over runs, also a list of more than a thousand, the
 // box walk, the box walk planes first, the walks of doubled folds and of
 // segments), on images whose row bands, blocks and borders fall
@@ -92,7 +92,8 @@ const MaskCase kMasks[] = {
 };
 
 // Image shapes, with the block width B = 8 L of the entry point: widths at
-// and around whole blocks, and below one block (blocks of one chunk),
+// and around whole blocks, and below one block (blocks of two chunks, an
+// odd count of chunks leaving the last block one),
 // heights across band boundaries, outputs that reach past the image or
 // start inside it.
 struct ShapeCase {
@@ -109,6 +110,7 @@ const ShapeCase kShapes[] = {
     {"one sample short of a block: chunks", 1, 0, -1, 35, 2, 0, 0, 1, 0, {3, 0, 0}},
     {"one chunk and a bit, output beyond the image, two bands", 0, 1, 3, 66, 2, 2, 1, 1, 2, {-2, 1, 0}},
     {"three chunks and a half, output inside the image", 0, 3, 9, 34, 1, -3, -2, -1, -1, {0, 0, 0}},
+    {"two chunks and a bit, output of three chunks", 0, 2, 5, 37, 2, 1, 0, 0, 1, {4, -2, 0}},
 };
 
 class BandWalks : public testing::TestWithParam<Entry> {};
@@ -201,7 +203,7 @@ TEST_P(SlabsOfPlanes, MatchReference) {
     };
     const Volume volumes[] = {
         {"rows of a block and more, 13 planes", 8, 5, 21, 13},
-        {"rows of three chunks, 11 planes", 3, 2, 18, 11},
+        {"rows of three chunks, the last pair of them one chunk, 11 planes", 2, 2, 18, 11},
         {"more planes than rows", 8, 1, 4, 9},
     };
     for (const Volume &vol : volumes) {
