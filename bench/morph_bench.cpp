@@ -135,7 +135,7 @@ const std::vector<CaseRow> &cases() {
             {"256x256x256", 256, 256, 256, {Type::UInt16}, {ball("ball5", 5)}, {"imtophat", "imerode", "imdilate"}},
         };
         // Row widths on about 4 M samples: blocks, crops, tiles.
-        for (int w : {48, 64, 128, 200, 255, 256, 512, 4096}) {
+        for (int w : {48, 64, 128, 200, 255, 256, 300, 512, 4096}) {
             const int h = (4 << 20) / w;
             r.push_back({std::to_string(w) + "x" + std::to_string(h), w, h, 1, {Type::UInt8, Type::Float32},
                          {disk("disk5", 5), disk("disk15", 15), square("square15", 15)}, erode});

@@ -119,8 +119,8 @@ void block_fold(Halide::Func walk, int update, const Halide::RDom &r, const Band
 // A walk computed per block of chunks of `at`'s loop `xo`.
 void block_walk(Halide::Func walk, const Halide::RDom &r, Halide::Func at, const Halide::Var &xo,
                 const BandSchedule &s);
-// A walk on rows narrower than a block, computed per block of kGroupChunks
-// chunks of kGroupRows rows of the stage (its loop `xo`).
+// A walk on rows narrower than a block, computed per block of
+// `group_chunks` chunks of `group_rows` rows of the stage (its loop `xo`).
 void rows_walk(Halide::Func walk, const Halide::RDom &r, const BandSchedule &s);
 // A ring of folds `fold`, computed block by block from `walk`.
 void folded_ring(Halide::Func fold, Halide::Func walk, const Halide::RDom &r, const BandSchedule &s);

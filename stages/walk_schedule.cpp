@@ -49,8 +49,8 @@ void block_walk(Func walk, const RDom &r, Func at, const Var &xo, const BandSche
     block_fold(walk, 0, r, s);
 }
 
-// On rows narrower than a block the block is kGroupChunks chunks of
-// kGroupRows rows: as many accumulators as a block of a wide row, the
+// On rows narrower than a block the block is s.group_chunks chunks of
+// s.group_rows rows: as many accumulators as a block of a wide row, the
 // walk's bookkeeping per run paid once for all of them.  The block always
 // has all its rows and chunks (the last group of a stage computes rows past
 // its end, and the last pair of chunks of a row with an odd number of them
@@ -100,8 +100,8 @@ namespace {
 
 // Band tasks: y split into bands and the bands into band tasks; the tasks
 // in parallel, a task's bands and a band's rows in order; blocks of K
-// chunks along x, or on rows narrower than a block blocks of kGroupChunks
-// chunks of kGroupRows rows (the walks that take such rows have Funcs of
+// chunks along x, or on rows narrower than a block blocks of a few chunks
+// of a few rows (the walks that take such rows have Funcs of
 // their own for them).
 void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
     Var x = out.args()[0], y = out.args()[1], z = out.args()[2];

@@ -33,7 +33,9 @@ constexpr int kBlockChunks = 8;
 // the band's row stride, one address per row and run (a few instructions
 // each), while its chunks differ by constants; two chunks of four rows
 // pay half the addresses of one chunk of eight (uint8, 1 thread: 3-D balls
-// on 128^3 of radius 7 / 15 / 25 0.66 / 0.62 / 0.54 of the time).
+// on 128^3 of radius 7 / 15 / 25 0.66 / 0.62 / 0.54 of the time).  A stage
+// whose source has no pad walks one chunk of kGroupChunks * kGroupRows rows
+// instead (walk_schedule.cpp says why).
 constexpr int kGroupRows = 4;
 constexpr int kGroupChunks = 2;
 
@@ -44,9 +46,9 @@ constexpr int kGroupChunks = 2;
 // interleave the two, a row at a time, but the guard on a band's rows past
 // the output's end keeps it from seeing that the rows move monotonically.)
 // 64 rows keep that growth under 2 for masks reaching 63 rows (a disk of
-// radius 31).  A multiple of kGroupRows.
+// radius 31).  A multiple of either group's rows.
 constexpr int kBandRows = 64;
-static_assert(kBandRows % kGroupRows == 0, "a band is whole groups of rows");
+static_assert(kBandRows % (kGroupRows * kGroupChunks) == 0, "a band is whole groups of rows");
 
 // SEGMENTS computes the rows its band reads the same way, so its bands grow
 // with the box's height: about four times the height, in whole bands of
