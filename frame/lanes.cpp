@@ -31,8 +31,8 @@ int main(int argc, char **argv) {
     if (!f) { std::perror(argv[1]); return 1; }
     std::fprintf(f, "/* Generated at build time from Halide's natural vector sizes. */\n#pragma once\n");
     // The band walks' blocks: chunks of a row, or on rows narrower than
-    // that, groups of a few rows (TM_GROUP_ROWS, of two chunks); the rows of
-    // a band and those it may keep.
+    // that, groups of TM_GROUP_ROWS rows of two chunks (or twice the rows of
+    // one chunk); the rows of a band and those it may keep.
     std::fprintf(f, "#define TM_BLOCK_CHUNKS %d\n#define TM_GROUP_ROWS %d\n#define TM_BAND_ROWS %d\n#define TM_RING_ROWS %d\n",
                  morph::kBlockChunks, morph::kGroupRows, morph::kBandRows, morph::kRingRows);
     // The most bands of TM_BAND_ROWS rows in a band of the segment walk.

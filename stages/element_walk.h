@@ -130,7 +130,8 @@ constexpr int kSegmentLevels = 12;
 // The stage's own rows, as the entry point describes the buffer it
 // writes: a row's first sample and width, the first row, and whether a row
 // is narrower than a block of chunks: such rows are walked by other Funcs
-// (the `*_rows` forms below), a block then being two chunks of several rows.
+// (the `*_rows` forms below), a block then being a few chunks of a few
+// rows (walk_schedule.h).
 struct StageRow {
     Halide::Expr min, extent;
     Halide::Expr first_row;

@@ -24,7 +24,8 @@
  *
  * Every band walk computes rows in blocks of TM_BLOCK_CHUNKS chunks.  TAPS,
  * RUNS for the integer types and SEGMENTS also take rows narrower than a
- * block, in blocks of two chunks of TM_GROUP_ROWS rows; on such rows a box
+ * block, in blocks of two chunks of TM_GROUP_ROWS rows (one chunk of twice
+ * the rows where the stage's source has no pad); on such rows a box
  * goes by segments or by its runs, and any other floating mask by TAPS.
  * The walks that fold (BOX, RUNS, SEGMENTS) walk floating rows with a NaN
  * in reach by taps; on rows narrower than a block SEGMENTS takes floating
