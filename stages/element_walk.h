@@ -118,6 +118,10 @@ constexpr int kRunFields = 4;
 
 // Lanes of the NaN test of a source row: a multiple of every lane count.
 constexpr int kNanLanes = 64;
+// The lanes those are folded into, a vector apart, before the last few are
+// read one by one: one vector of float32 at avx2.
+constexpr int kNanFoldLanes = 8;
+static_assert(kNanLanes % kNanFoldLanes == 0, "the NaN lanes fold a vector at a time");
 
 // Levels of doubled folds kept per source row: folds of 1, 2, 4, ..., 32
 // samples, enough for runs of up to 63 taps (disks up to radius 31).
@@ -164,10 +168,11 @@ struct BandWalks {
     Halide::Func taps, taps_rows;
     Halide::RDom taps_r, taps_rows_r;
     // Floating types: the source rows that hold a NaN (`row_nan`, over the
-    // lanes `nan_lane_r` of `nan_lanes`, each over `nan_r`) and the output rows with a NaN in reach (`dirty`, over the
+    // lanes `nan_lane_r` of `nan_fold`, which folds those of `nan_lanes`,
+    // each over `nan_r`) and the output rows with a NaN in reach (`dirty`, over the
     // rows and planes of the mask's box `dirty_r`, or where the pad is
     // NaN).  The walks that fold walk such rows by taps instead.
-    Halide::Func nan_lanes, row_nan, dirty;
+    Halide::Func nan_lanes, nan_fold, row_nan, dirty;
     Halide::RDom nan_r, nan_lane_r, dirty_r;
     // A mask of ones filling its box: each source row folded along the
     // box's run (`row_walk` over `row_r`, kept in `row_fold`), then the

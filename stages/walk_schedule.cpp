@@ -138,6 +138,8 @@ void schedule_bands(Func out, const BandWalks &bands, const Branch &b) {
         w.nan_lanes.compute_at(w.row_nan, w.row_nan.args()[0]);
         w.nan_lanes.vectorize(w.nan_lanes.args()[0]);
         w.nan_lanes.update().vectorize(w.nan_lanes.args()[0]);
+        w.nan_fold.compute_at(w.row_nan, w.row_nan.args()[0]);
+        w.nan_fold.vectorize(w.nan_fold.args()[0]);
         w.dirty.compute_at(out, yi);
     }
     for (const BandCase &c : band_cases(w)) {

@@ -275,6 +275,34 @@ TEST_P(SegmentBands, MatchReference) {
 INSTANTIATE_TEST_SUITE_P(Entries, SegmentBands, testing::ValuesIn(best_level_entries({"uint8", "int16", "float32", "float64"})),
                          EntryName());
 
+// The walks that fold look for NaN in each source row lane group by lane
+// group and fold the groups' flags: a single NaN at every position of a
+// row of two groups and a part (and in the rows before and after it) must
+// send the rows that reach it to the taps.  A 3 x 5 box: folded by rows
+// for the floating types, wide rows.
+class NanAnywhere : public testing::TestWithParam<Entry> {};
+
+TEST_P(NanAnywhere, MatchReference) {
+    const Entry &e = GetParam();
+    if (!e.cpu_has_level()) GTEST_SKIP() << "this processor lacks level " << e.level_word;
+    std::mt19937 rng(std::hash<std::string>()(e.name) ^ 0x7a7a);
+    Shape s{};
+    s.im_extent[0] = 133, s.im_extent[1] = 7, s.im_extent[2] = 1;
+    const int32_t none[2] = {0, 0};
+    place_output(e, s, none, none);
+    s.se_extent[0] = 3, s.se_extent[1] = 5, s.se_extent[2] = 1;
+    s.mask.assign(15, 1);
+    s.lower = s.upper = 0.0;
+    for (int32_t row : {0, 3, 6})
+        for (int32_t at = 0; at < s.im_extent[0]; at++) {
+            SCOPED_TRACE("a NaN at " + std::to_string(at) + " of row " + std::to_string(row));
+            if (!check_case(e, s, rng, Fill::Ties, int64_t(row) * (s.im_extent[0] + s.row_pad) + at)) return;
+        }
+}
+
+INSTANTIATE_TEST_SUITE_P(Entries, NanAnywhere, testing::ValuesIn(best_level_entries({"float32", "float64"})),
+                         EntryName());
+
 // Row lengths are a * L + b for the entry point's lane count L.
 struct Len {
     int vectors, extra;

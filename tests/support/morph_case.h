@@ -102,8 +102,19 @@ inline void fill_ties(Buf &im, const std::string &type, std::mt19937 &rng) {
     }
 }
 
-inline void fill_image(Buf &im, const std::string &type, std::mt19937 &rng, Fill fill = Fill::Stress) {
-    if (fill == Fill::Ties) return fill_ties(im, type, rng);
+// `nan_at`, where given, is the one sample (its element index from the
+// image's first) that `Ties` turns into a NaN.
+inline void fill_image(Buf &im, const std::string &type, std::mt19937 &rng, Fill fill = Fill::Stress,
+                       int64_t nan_at = -1) {
+    if (fill == Fill::Ties) {
+        fill_ties(im, type, rng);
+        if (nan_at < 0) return;
+        uint8_t *p = im.store.data() + size_t(im.offset + nan_at) * im.elem;
+        const double nan = std::numeric_limits<double>::quiet_NaN();
+        const float fnan = float(nan);
+        if (type == "float32") std::memcpy(p, &fnan, 4); else std::memcpy(p, &nan, 8);
+        return;
+    }
     if (fill == Fill::SparseNan) {
         fill_ties(im, type, rng);
         const size_t n = im.store.size() / im.elem;
@@ -176,14 +187,15 @@ inline bool frame_accepts(const Entry &e, Buf &im, Buf &mm, Buf &se, Buf &out) {
 // storage.  Returns false (with a failure recorded) on a mismatch.  A call
 // that the frame's own checks refuse (shapes at the ends of the 32-bit
 // range can make one) must be refused without a write.
-inline bool check_case(const Entry &e, const Shape &s, std::mt19937 &rng, Fill fill = Fill::Stress) {
+inline bool check_case(const Entry &e, const Shape &s, std::mt19937 &rng, Fill fill = Fill::Stress,
+                       int64_t nan_at = -1) {
     // The baseline level's vector loop converts uint32 to float32 by halves
     // in the residues; the wide branch runs every chunk in that loop.
     const bool uint32_halves = e.level == Level::None && s.im_extent[0] > e.lanes;
     const TypeInfo &ti = type_info(e.type);
     Buf im, mm, se, out;
     im.init_dense(ti.ht, ti.bytes, 3, s.im_min, s.im_extent, s.row_pad, s.plane_pad);
-    fill_image(im, e.type, rng, fill);
+    fill_image(im, e.type, rng, fill, nan_at);
     const int32_t mm_min[2] = {0, 0}, mm_ext[2] = {2, 1};
     mm.init_dense(halide_type_t(halide_type_float, 64), 8, 2, mm_min, mm_ext);
     std::memcpy(mm.at(0, 0), &s.lower, 8);
