@@ -78,9 +78,10 @@ void folded_ring(Func fold, Func walk, const RDom &r, const BandSchedule &s) {
     block_walk(walk, r, fold, uo, s);
 }
 
-// Levels computed at `at` of `out`: for each row, its levels one after the
-// other, each over the whole row.  A level writes only its own level and
-// reads only the one below, so its samples are independent of each other
+// Levels computed at `at` of `out`: for each group of kLevelRows rows, its
+// levels one after the other, each over the group's whole rows.  A level
+// writes only its own level and reads only the one below, so its samples
+// are independent of each other
 // whatever their order; Halide cannot tell the two levels apart through
 // the row's offset.
 void schedule_levels(const Levels &l, const Func &out, const Var &at, int lanes) {
@@ -93,7 +94,13 @@ void schedule_levels(const Levels &l, const Func &out, const Var &at, int lanes)
         lev.update(update++).split(l.copy.x, co, ci, lanes, TailStrategy::GuardWithIf).vectorize(ci);
     }
     RVar ro("ro"), ri("ri");
-    lev.update(update).allow_race_conditions().split(l.r.x, ro, ri, lanes).vectorize(ri);
+    Var v = lev.args()[1], vo("vo"), vi("vi");
+    lev.update(update)
+        .allow_race_conditions()
+        .split(l.r.x, ro, ri, lanes)
+        .vectorize(ri)
+        .split(v, vo, vi, kLevelRows, TailStrategy::GuardWithIf)
+        .reorder(ri, ro, l.r.y, vi, l.r.z, vo);
 }
 
 namespace {
