@@ -81,9 +81,8 @@ void folded_ring(Func fold, Func walk, const RDom &r, const BandSchedule &s) {
 // Levels computed at `at` of `out`: for each group of kLevelRows rows, its
 // levels one after the other, each over the group's whole rows.  A level
 // writes only its own level and reads only the one below, so its samples
-// are independent of each other
-// whatever their order; Halide cannot tell the two levels apart through
-// the row's offset.
+// are independent of each other whatever their order; Halide cannot tell
+// the two levels apart through the row's offset.
 void schedule_levels(const Levels &l, const Func &out, const Var &at, int lanes) {
     Func lev = l.f;
     lev.compute_at(out, at);

@@ -277,9 +277,9 @@ INSTANTIATE_TEST_SUITE_P(Entries, SegmentBands, testing::ValuesIn(best_level_ent
 
 // The walks that fold look for NaN in each source row lane group by lane
 // group and fold the groups' flags: a single NaN at every position of a
-// row of two groups and a part (and in the rows before and after it) must
-// send the rows that reach it to the taps.  A 3 x 5 box: folded by rows
-// for the floating types, wide rows.
+// row of two groups and a part, in the first, a middle and the last row,
+// must send the rows that reach it to the taps.  A 3 x 5 box: folded by
+// rows for the floating types, on wide rows.
 class NanAnywhere : public testing::TestWithParam<Entry> {};
 
 TEST_P(NanAnywhere, MatchReference) {

@@ -102,28 +102,27 @@ inline void fill_ties(Buf &im, const std::string &type, std::mt19937 &rng) {
     }
 }
 
+// A quiet NaN of the floating type into the sample at storage index i.
+inline void put_nan(Buf &im, const std::string &type, size_t i) {
+    uint8_t *p = im.store.data() + i * im.elem;
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    const float fnan = float(nan);
+    if (type == "float32") std::memcpy(p, &fnan, 4); else std::memcpy(p, &nan, 8);
+}
+
 // `nan_at`, where given, is the one sample (its element index from the
 // image's first) that `Ties` turns into a NaN.
 inline void fill_image(Buf &im, const std::string &type, std::mt19937 &rng, Fill fill = Fill::Stress,
                        int64_t nan_at = -1) {
     if (fill == Fill::Ties) {
         fill_ties(im, type, rng);
-        if (nan_at < 0) return;
-        uint8_t *p = im.store.data() + size_t(im.offset + nan_at) * im.elem;
-        const double nan = std::numeric_limits<double>::quiet_NaN();
-        const float fnan = float(nan);
-        if (type == "float32") std::memcpy(p, &fnan, 4); else std::memcpy(p, &nan, 8);
+        if (nan_at >= 0) put_nan(im, type, size_t(im.offset + nan_at));
         return;
     }
     if (fill == Fill::SparseNan) {
         fill_ties(im, type, rng);
         const size_t n = im.store.size() / im.elem;
-        for (int k = 0; k < 3 && (type == "float32" || type == "float64"); k++) {
-            uint8_t *p = im.store.data() + size_t(rng() % n) * im.elem;
-            const double nan = std::numeric_limits<double>::quiet_NaN();
-            const float fnan = float(nan);
-            if (type == "float32") std::memcpy(p, &fnan, 4); else std::memcpy(p, &nan, 8);
-        }
+        for (int k = 0; k < 3 && (type == "float32" || type == "float64"); k++) put_nan(im, type, size_t(rng() % n));
         return;
     }
     im.fill_random(rng);
