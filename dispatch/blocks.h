@@ -1,6 +1,7 @@
 /* The working blocks the runtime allocates for a call (blocks.c): the frame
  * brackets every run with these two, so that blocks kept for reuse while
- * calls run are cut back to a small bound (8 MiB) when none does. */
+ * calls run are cut back to a bound (256 MiB, or TM_KEEP_IDLE_MIB) when
+ * none does. */
 #ifndef TM_BLOCKS_H
 #define TM_BLOCKS_H
 
