@@ -165,14 +165,17 @@ void halide_default_free(void *user_context, void *p) {
 static size_t keep_idle = TM_KEEP_IDLE;
 static pthread_once_t keep_idle_once = PTHREAD_ONCE_INIT;
 
-/* TM_KEEP_IDLE_MIB: a whole number of MiB, at most TM_KEEP_BUSY; anything
- * else leaves the default. */
+/* TM_KEEP_IDLE_MIB: a whole number of MiB (digits only), taken as at most
+ * what the pool holds while calls run; anything else leaves the default. */
 static void read_keep_idle(void) {
     const char *text = getenv("TM_KEEP_IDLE_MIB");
     if (!text || !*text) return;
-    char *end = NULL;
-    const unsigned long long mib = strtoull(text, &end, 10);
-    if (*end == '\0' && text[0] != '-' && mib <= (TM_KEEP_BUSY >> 20)) keep_idle = (size_t)mib << 20;
+    size_t mib = 0;
+    for (const char *c = text; *c; c++) {
+        if (*c < '0' || *c > '9') return;
+        if (mib <= (TM_KEEP_BUSY >> 20)) mib = mib * 10 + (size_t)(*c - '0');
+    }
+    keep_idle = (mib < (TM_KEEP_BUSY >> 20) ? mib : (TM_KEEP_BUSY >> 20)) << 20;
 }
 
 void tm_blocks_enter(void) {

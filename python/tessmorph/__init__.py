@@ -13,7 +13,10 @@ int8, uint16, int16, uint32, int32, float32 and float64.  ``apply`` and
 ``tessmorph.dask`` runs the operators on dask arrays.  A refused call raises
 ValueError, TypeError or MemoryError with the library's message.  The calls
 release the GIL and run in parallel on TBB; ``set_num_threads`` or
-``threads`` limit them.
+``threads`` limit them.  Between calls the library keeps up to 256 MiB of
+its working memory (an opening's intermediate, as large as the image, among
+it) for the next call; ``TM_KEEP_IDLE_MIB`` in the environment before the
+first call sets another bound (``0`` gives it all back after each call).
 """
 
 from . import footprints
