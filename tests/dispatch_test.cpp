@@ -120,6 +120,9 @@ TEST(Dispatch, NestedFailureReachesTheOuterCaller) {
 // the next call): a block comes back for a request of its own size class
 // and of no less than half of it, never for a smaller one, and is always
 // aligned to 128 bytes, beyond what the runtime asks (32).
+#include <sys/resource.h>
+
+#include <cstdio>
 #include <cstdlib>
 
 #include "HalideRuntime.h"
@@ -194,6 +197,37 @@ TEST(Blocks, KeptBetweenCallsUpToABound) {
     EXPECT_NE(b[0], b[1]);
     for (void *p : b) halide_default_free(nullptr, p);
     tm_blocks_leave();
+}
+
+// What the pool keeps never makes a call fail: with the address space
+// short of a kept block and a new one together, the new one still comes.
+// (In a child process: the limit stays there.)
+[[noreturn]] void allocate_beside_a_kept_block() {
+    const size_t kept = size_t(128) << 20, asked = size_t(160) << 20;
+    tm_blocks_drop();
+    tm_blocks_enter();
+    halide_default_free(nullptr, halide_default_malloc(nullptr, kept));
+    tm_blocks_leave();
+    std::FILE *status = std::fopen("/proc/self/status", "r");
+    char line[256];
+    size_t vm_kib = 0;
+    while (status && std::fgets(line, sizeof line, status))
+        if (std::sscanf(line, "VmSize: %zu kB", &vm_kib) == 1) break;
+    if (status) std::fclose(status);
+    // Room for the new block once the kept one is given back, not before.
+    const rlim_t limit = rlim_t(vm_kib) * 1024 + asked - (size_t(64) << 20);
+    const struct rlimit as = {limit, limit};
+    if (vm_kib == 0 || setrlimit(RLIMIT_AS, &as) != 0) std::_Exit(2);
+    tm_blocks_enter();
+    std::_Exit(halide_default_malloc(nullptr, asked) ? 0 : 1);
+}
+
+TEST(Blocks, KeptBlocksGiveWayToAFailedAllocation) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the sanitizer's shadow memory lives outside any address-space limit";
+#endif
+    if (std::getenv("TM_KEEP_IDLE_MIB")) GTEST_SKIP() << "needs the default bound";
+    EXPECT_EXIT(allocate_beside_a_kept_block(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST(Blocks, FailedAllocationIsNull) {
