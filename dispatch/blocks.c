@@ -70,7 +70,9 @@
  * other's blocks. */
 #define TM_SMALL_STEP ((size_t)1 << 10)
 #define TM_LARGE ((size_t)64 << 10)
-/* A kept block serves a request of at least half its size. */
+/* A kept block serves a request of at least half its size; one of the
+ * smallest step serves any request that fits in it, or every task's few
+ * bytes would be a fresh block and crowd the large ones out of the pool. */
 #define TM_KEEP_SLACK 2
 /* What the pool may hold while calls run. */
 #define TM_KEEP_MAX_BLOCKS 64
@@ -106,14 +108,15 @@ static void trim_pool(size_t keep) {
 }
 
 /* The smallest kept block of at least `size` bytes that is not wastefully
- * larger, taken out of the pool; NULL when none is. */
+ * larger (TM_KEEP_SLACK), taken out of the pool; NULL when none is. */
 static void *take_kept(size_t size) {
     if (!TM_KEEP_BLOCKS) return NULL;
     pthread_mutex_lock(&pool_lock);
     int best = -1;
     for (int i = pool_count - 1; i >= 0; i--) {
         const size_t c = capacity_of(pool[i]);
-        if (c >= size && c / TM_KEEP_SLACK <= size && (best < 0 || c < capacity_of(pool[best]))) best = i;
+        const int fits = c >= size && (c / TM_KEEP_SLACK <= size || c == TM_SMALL_STEP);
+        if (fits && (best < 0 || c < capacity_of(pool[best]))) best = i;
     }
     void *p = NULL;
     if (best >= 0) {

@@ -145,6 +145,7 @@ const Reuse kReuse[] = {
     {"a small block", 1024, 1024, true},
     {"a little less, same step of 1 KiB", 3000, 2100, true},
     {"a small block, less than half of it", 4096, 1024, false},
+    {"a few bytes, from a block of the smallest step", 100, 16, true},
 };
 
 TEST(Blocks, KeptWhileACallRuns) {
