@@ -219,7 +219,9 @@ static int32_t choose(const tm_entry *e, const tm_view v[TM_NARGS], int wide, in
     /* What a band holds: the rows of its band and the reach in every
      * plane the mask reaches, a few times over (the rows, their folds), and
      * the levels besides for the walks by doubled folds. */
-    const int64_t width = max64(v[TM_OUT].extent[0], stage_width) + ext[0] + block + ((int64_t)1 << TM_RUN_LEVELS);
+    /* A row's samples: the output's, the mask's reach, a block, and the
+     * levels' reads beyond them (at most half the longest run they hold). */
+    const int64_t width = max64(v[TM_OUT].extent[0], stage_width) + ext[0] + block + ((int64_t)1 << (TM_RUN_LEVELS - 1));
     /* On rows narrower than a block segments have no fallback for a NaN
      * (it would double the floating pipelines' code): there they take a
      * floating call only where no NaN is in reach at all, which one pass
@@ -231,9 +233,13 @@ static int32_t choose(const tm_entry *e, const tm_view v[TM_NARGS], int wide, in
         p->longest = (int32_t)ext[0];
         return TM_WALK_SEGMENTS;
     }
-    /* The other band walks keep TM_RING_ROWS rows: the band's and the reach. */
-    if (ext[1] > TM_RING_ROWS - TM_BAND_ROWS + 1) return TM_WALK_DIRECT;
-    const int64_t plane = (int64_t)TM_RING_ROWS * width * e->bytes;
+    /* The other band walks keep the band's rows and the reach (sized as at
+     * least TM_RING_ROWS rows).  A band computes its rows anew, so a mask
+     * reaching r rows costs (TM_BAND_ROWS + r) / TM_BAND_ROWS times the
+     * rows; that stays small beside the taps or runs of so tall a mask
+     * (uint8 disk of radius 40 on 4096 x 1024: 1384 ms walked directly). */
+    const int64_t ring_rows = max64(TM_RING_ROWS, TM_BAND_ROWS + ext[1] - 1);
+    const int64_t plane = ring_rows * width * e->bytes;
     const int64_t ring = plane * ext[2];
     if (ring > TM_MAX_BAND_BYTES) return TM_WALK_DIRECT;
     /* RUNS keeps the levels of a slab's planes and the mask's reach. */

@@ -123,9 +123,10 @@ constexpr int kNanLanes = 64;
 constexpr int kNanFoldLanes = 8;
 static_assert(kNanLanes % kNanFoldLanes == 0, "the NaN lanes fold a vector at a time");
 
-// Levels of doubled folds kept per source row: folds of 1, 2, 4, ..., 32
-// samples, enough for runs of up to 63 taps (disks up to radius 31).
-constexpr int kRunLevels = 6;
+// Levels of doubled folds kept per source row: folds of 1, 2, 4, ..., 64
+// samples, enough for runs of up to 127 taps (disks up to radius 63; with
+// six levels a disk of radius 32 fell to the tap walk, 13 times slower).
+constexpr int kRunLevels = 7;
 
 // The segment walk keeps one row's levels at a time, so it can afford many:
 // folds of up to 2048 samples, for boxes up to 4095 samples wide.

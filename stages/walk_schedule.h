@@ -69,11 +69,10 @@ constexpr int kSegmentBands = 4;
 // 0.93-0.97; wide rows unchanged).
 constexpr int kLevelRows = 4;
 
-// Rows a band keeps of every source row and fold it writes out, at most: a
-// band's rows and the mask's reach across rows.  The entry point takes a
-// band walk only for a mask that reaches no further (extent in dimension 1
-// at most kRingRows - kBandRows + 1 = 65), and sizes a band's working
-// memory by it.
+// Rows a band keeps of every source row and fold it writes out: a band's
+// rows and the mask's reach across rows.  The entry point sizes a band's
+// working memory by this many rows at least (and by the band and the reach
+// where they are more), and takes a band walk wherever that fits.
 constexpr int kRingRows = 128;
 
 struct Branch {

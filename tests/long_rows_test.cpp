@@ -85,8 +85,12 @@ const MaskCase kMasks[] = {
     {"column of 100: segments deeper than a band", {1, 100, 1}, one},
     {"7 x 10 box by segments: the band's last segment partial", {7, 10, 1}, one},
     {"15 x 15 box by segments", {15, 15, 1}, one},
-    {"column of 66 with a gap: reaches further than the ring, direct walk", {1, 66, 1},
+    {"column of 66 with a gap: reaches further than a band, by taps", {1, 66, 1},
      [](int, int j, int, std::mt19937 &) -> uint8_t { return j != 30; }},
+    {"row of 100 with a gap: runs of 70 and 29 read through folds of 64", {100, 1, 1},
+     [](int i, int, int, std::mt19937 &) -> uint8_t { return i != 70; }},
+    {"5 x 81 mask of runs of 5 and 3: taller than a band, by its runs", {5, 81, 1},
+     [](int i, int j, int, std::mt19937 &) -> uint8_t { return j % 2 == 0 || (i > 0 && i < 4); }},
     {"checkerboard of 1088 runs: a long list walked by taps", {64, 34, 1},
      [](int i, int j, int, std::mt19937 &) -> uint8_t { return (i + j) % 2; }},
 };

@@ -73,8 +73,7 @@ const Row kRows[] = {
     {"row of 18: by segments", T::UInt8, false, true, 0, 128, 0, 0, box(18, 1), TM_WALK_SEGMENTS},
     {"floating 15 x 15 box: by segments", T::Float32, false, true, 0, 16, 0, 0, box(15, 15), TM_WALK_SEGMENTS},
     {"row of 63: the longest the levels cover", T::UInt16, false, true, 0, 16, 0, 0, box(63, 1), TM_WALK_SEGMENTS},
-    {"row of 64: beyond the runs' levels, within the segments'", T::UInt16, false, true, 0, 16, 0, 0, box(64, 1),
-     TM_WALK_SEGMENTS},
+    {"row of 64: by segments", T::UInt16, false, true, 0, 16, 0, 0, box(64, 1), TM_WALK_SEGMENTS},
     {"127 x 127 square: by segments", T::Float32, false, true, 0, 128, 0, 0, box(127, 127), TM_WALK_SEGMENTS},
     {"row of 4095: the longest the segments' levels cover", T::UInt8, false, true, 0, 256, 0, 0, box(4095, 1),
      TM_WALK_SEGMENTS},
@@ -82,8 +81,8 @@ const Row kRows[] = {
      TM_WALK_BOX},
     {"column of 2309 on rows of 2048 floats: the tallest whose band of segments fits", T::Float32, false, true, 0,
      256, 0, 0, box(1, 2309), TM_WALK_SEGMENTS},
-    {"column of 2310 on rows of 2048 floats: one row beyond a band's memory", T::Float32, false, true, 0, 256, 0, 0,
-     box(1, 2310), TM_WALK_DIRECT},
+    {"column of 2310 on rows of 2048 floats: one row beyond a band of segments, the box walk", T::Float32, false, true,
+     0, 256, 0, 0, box(1, 2310), TM_WALK_BOX},
     {"15 x 15 x 2 box: planes first", T::UInt8, false, true, 0, 128, 0, 0, box(15, 15, 2), TM_WALK_PLANES},
     {"narrow image: no chunk to walk", T::UInt8, false, false, 0, 0, 31, 0, box(3, 3), TM_WALK_DIRECT},
     {"output narrower than one chunk", T::UInt8, false, true, 0, 0, 31, 0, box(3, 3), TM_WALK_DIRECT},
@@ -95,8 +94,8 @@ const Row kRows[] = {
      TM_WALK_SEGMENTS},
     {"floating 127 x 127 square on rows narrower than a block, no NaN: by segments", T::Float32, false, true, 0, 7,
      0, 0, box(127, 127), TM_WALK_SEGMENTS},
-    {"floating 127 x 127 square on rows narrower than a block, a NaN in the image: direct", T::Float32, false, true,
-     0, 7, 0, 0, box(127, 127), TM_WALK_DIRECT, Row::kImage},
+    {"floating 127 x 127 square on rows narrower than a block, a NaN in the image: taps", T::Float32, false, true,
+     0, 7, 0, 0, box(127, 127), TM_WALK_TAPS, Row::kImage},
     {"output one sample short of a block", T::UInt8, false, true, 0, kBlock, -1, 0, box(3, 3), TM_WALK_TAPS},
     {"output of exactly one block", T::UInt8, false, true, 0, kBlock, 0, 0, box(3, 3), TM_WALK_BOX},
     {"two-stage, intermediate narrower than one chunk", T::UInt8, true, true, 0, 4, 0, 0, box(3, 3),
@@ -130,19 +129,22 @@ const Row kRows[] = {
      true, 0, 16, 0, 2, box(15, 15), TM_WALK_SEGMENTS},
     {"disk of 15 on rows of two chunks", T::UInt8, false, true, 0, 2, 0, 0, disk(15), TM_WALK_RUNS},
     {"disk of 63: runs of up to 63 taps", T::UInt8, false, true, 0, 128, 0, 0, disk(63), TM_WALK_RUNS},
-    {"runs of 63 and 6: the longest level holds", T::UInt8, false, true, 0, 16, 0, 0, row_with_gap(70, 63),
+    {"runs of 127 and 6: the longest level holds", T::UInt8, false, true, 0, 16, 0, 0, row_with_gap(134, 127),
      TM_WALK_RUNS},
-    {"runs of 64 and 5: longer than the levels hold", T::UInt8, false, true, 0, 16, 0, 0, row_with_gap(70, 64),
+    {"runs of 128 and 5: longer than the levels hold", T::UInt8, false, true, 0, 16, 0, 0, row_with_gap(134, 128),
      TM_WALK_TAPS},
+    {"disk of 81: taller than a band, by its runs", T::UInt8, false, true, 0, 128, 0, 0, disk(81), TM_WALK_RUNS},
     {"column of 65: by segments", T::UInt8, false, true, 0, 16, 0, 0, box(1, 65), TM_WALK_SEGMENTS},
     {"column of 13: the box walk", T::UInt8, false, true, 0, 16, 0, 0, box(1, 13), TM_WALK_BOX},
     {"column of 14: by segments", T::UInt8, false, true, 0, 16, 0, 0, box(1, 14), TM_WALK_SEGMENTS},
     {"column of 301: segments reach any height", T::Float32, false, true, 0, 16, 0, 0, box(1, 301),
      TM_WALK_SEGMENTS},
-    {"column of 20001: more than a band may keep", T::UInt8, false, true, 0, 64, 0, 0, box(1, 20001),
+    {"column of 20001: more than a band may keep", T::UInt8, false, true, 0, 128, 0, 0, box(1, 20001),
      TM_WALK_DIRECT},
-    {"3 x 66 disk-like mask reaching further than the ring", T::UInt8, false, true, 0, 16, 0, 0,
-     {{3, 66, 1}, [](int i, int, int) -> uint8_t { return i != 0; }}, TM_WALK_DIRECT},
+    {"3 x 66 mask of short runs: a band keeps its reach", T::UInt8, false, true, 0, 16, 0, 0,
+     {{3, 66, 1}, [](int i, int, int) -> uint8_t { return i != 0; }}, TM_WALK_TAPS},
+    {"3 x 3000 mask of short runs on 32768-wide rows: more than a band may keep", T::UInt8, false, true, 0, 1024,
+     0, 0, {{3, 3000, 1}, [](int i, int, int) -> uint8_t { return i != 0; }}, TM_WALK_DIRECT},
     {"a 2 in the box: no box, its runs", T::UInt8, false, true, 0, 16, 0, 0,
      {{5, 5, 1}, [](int i, int j, int) -> uint8_t { return i == 4 && j == 0 ? 2 : 1; }}, TM_WALK_RUNS},
     {"no tap at all", T::UInt8, false, true, 0, 16, 0, 0, {{4, 4, 1}, [](int, int, int) -> uint8_t { return 0; }},
@@ -210,9 +212,9 @@ struct SlabRow {
 TEST(SlabPlanes, FollowTheMaskTheOutputAndTheMemory) {
     const SlabRow rows[] = {
         {1, 100, 16, 1}, {3, 100, 16, 8}, {15, 100, 16, 15}, {15, 4, 16, 4}, {31, 200, 16, 31},
-        // 128 rows of levels (7 a sample) per plane of 4096 + 15 + 256 + 64
-        // samples: 3.9 MiB a plane, 16 planes in 64 MiB.
-        {3, 100, 128, 8}, {15, 100, 128, 2}, {17, 100, 128, 0},
+        // 128 rows of levels (8 a sample) per plane of 4096 + 15 + 256 + 64
+        // samples: 4.3 MiB a plane, 14 planes in 64 MiB.
+        {3, 100, 128, 8}, {13, 100, 128, 2}, {15, 100, 128, 0},
     };
     for (const SlabRow &r : rows) {
         SCOPED_TRACE("e2 " + std::to_string(r.e2) + ", " + std::to_string(r.out_planes) + " planes, " +
