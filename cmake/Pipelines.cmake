@@ -49,7 +49,7 @@ set(_prototypes "")
 # exports.c calls each pipeline through the header Halide generates beside
 # it, so that an argument list that differs from the frame's call does not
 # compile.
-set(_exports_c "/* Generated from the list of entry points: one thin export per pipeline, and its adapter from the frame's call to the compiled pipeline. */\n#include <stdbool.h>\n\n#include \"frame.h\"\n#include \"tm_lanes.h\"\n\n#define TM_WINDOW(c) (c)->window_min[0], (c)->window_min[1], (c)->window_min[2], (c)->window_extent[0], (c)->window_extent[1], (c)->window_extent[2]\n#define TM_BANDS(c) (c)->walk, (c)->tap_runs, (c)->longest_run, (c)->slab_planes\n#define TM_ROWS(b) (b)->dim[0].min, (b)->dim[0].extent, (b)->dim[1].min\n\n")
+set(_exports_c "/* Generated from the list of entry points: one thin export per pipeline, and its adapter from the frame's call to the compiled pipeline. */\n#include <stdbool.h>\n\n#include \"frame.h\"\n#include \"tm_lanes.h\"\n\n#define TM_WINDOW(c) (c)->window_min[0], (c)->window_min[1], (c)->window_min[2], (c)->window_extent[0], (c)->window_extent[1], (c)->window_extent[2]\n#define TM_BANDS(c) (c)->walk, (c)->tap_runs, (c)->longest_run, (c)->exact_lengths, (c)->one_read_runs, (c)->slab_planes\n#define TM_ROWS(b) (b)->dim[0].min, (b)->dim[0].extent, (b)->dim[1].min\n\n")
 set(_version "{\n  global:\n")
 foreach (op IN LISTS TM_OPERATORS)
     set(out "${TM_OUTPUT_${op}}")

@@ -70,6 +70,9 @@ typedef struct tm_call {
     int32_t walk;
     halide_buffer_t *tap_runs;
     int32_t longest_run;
+    /* RUNS: the entries of exact run lengths in its table of folds, and
+     * the runs at the head of the list that are one read each. */
+    int32_t exact_lengths, one_read_runs;
     /* RUNS: the output planes a task walks in order, keeping the levels of
      * the source planes they read (at least 1). */
     int32_t slab_planes;

@@ -45,11 +45,15 @@ public:
         window_extent_1{"window_extent_1"}, window_extent_2{"window_extent_2"};
     // The walk the entry point chose for the call (stages/walks.h; a band
     // walk only in the wide branch), and the mask's runs of taps in the
-    // walk's order: four int32 per run (first r0, length, r1, r2),
-    // `longest_run` the longest.
+    // walk's order: kRunFields int32 per row of the list (stages/
+    // element_walk.h), `longest_run` the longest run, `exact_lengths` the
+    // entries of exact lengths in RUNS' table of folds, `one_read_runs`
+    // the rows at the head of the list that RUNS reads once.
     typename Base::template Input<int32_t> walk{"walk"};
     typename Base::template Input<Buffer<int32_t>> tap_runs{"tap_runs", 2};
     typename Base::template Input<int32_t> longest_run{"longest_run"};
+    typename Base::template Input<int32_t> exact_lengths{"exact_lengths"};
+    typename Base::template Input<int32_t> one_read_runs{"one_read_runs"};
     // The output planes a task of RUNS walks in order (at least 1).
     typename Base::template Input<int32_t> slab_planes{"slab_planes"};
     // The output's rows: the first sample and the width of a row, and the
@@ -88,10 +92,10 @@ public:
         s.window_extent[0] = window_extent_0, s.window_extent[1] = window_extent_1,
         s.window_extent[2] = window_extent_2;
         s.se = make_strel(strel, se_extent);
-        // The entry point lays the runs out densely, four to a run.
+        // The entry point lays the runs out densely, row after row.
         tap_runs.dim(0).set_min(0).set_extent(kRunFields).set_stride(1);
         tap_runs.dim(1).set_min(0).set_stride(kRunFields);
-        s.runs = Runs{tap_runs, tap_runs.dim(1).extent(), longest_run};
+        s.runs = Runs{tap_runs, tap_runs.dim(1).extent(), longest_run, exact_lengths, one_read_runs};
         s.row = StageRow{out_min_0, out_extent_0, out_min_1, Expr()};
         s.image = keyimForType;
         s.lower = minmax(0, 0);

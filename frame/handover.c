@@ -161,6 +161,8 @@ void tm_hand_walk(const tm_entry *e, const tm_view v[TM_NARGS], const tm_plan *p
         c->walk = h->walk.walk;
         c->tap_runs = &h->walk.buffer;
         c->longest_run = h->walk.longest;
+        c->exact_lengths = h->walk.exact;
+        c->one_read_runs = h->walk.one_read;
         c->slab_planes = slab;
     }
     h->stage.host = (uint8_t *)block;

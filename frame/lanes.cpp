@@ -39,8 +39,12 @@ int main(int argc, char **argv) {
     std::fprintf(f, "#define TM_SEGMENT_BANDS %d\n#define TM_SEGMENT_LEVELS %d\n", morph::kSegmentBands, morph::kSegmentLevels);
     // The walk of runs by doubled folds: the levels it keeps; and the
     // fields of a run in the list the frame hands over.
-    std::fprintf(f, "#define TM_RUN_LEVELS %d\n#if defined(TM_RUN_FIELDS) && TM_RUN_FIELDS != %d\n#error \"the frame lays runs out otherwise than the pipelines read them\"\n#endif\n",
-                 morph::kRunLevels, morph::kRunFields);
+    std::fprintf(f,
+                 "#define TM_RUN_LEVELS %d\n#if defined(TM_RUN_FIELDS) && (TM_RUN_FIELDS != %d || TM_RUN_R0 != %d || "
+                 "TM_RUN_LENGTH != %d || TM_RUN_R1 != %d || TM_RUN_R2 != %d || TM_RUN_ENTRY != %d || TM_RUN_EXACT_LENGTH != %d)\n"
+                 "#error \"the frame lays runs out otherwise than the pipelines read them\"\n#endif\n",
+                 morph::kRunLevels, morph::kRunFields, morph::kR0, morph::kLength, morph::kR1, morph::kR2, morph::kEntry,
+                 morph::kExactLength);
     for (auto &l : levels) {
         Halide::Target target(std::string(argv[2]) + "-" + l.second);
         for (auto &t : types) {

@@ -49,8 +49,7 @@ static void describe_list(tm_walk_plan *p) {
 
 /* Counts the mask's runs of taps along dimension 0, r2 outermost and r0
  * innermost, ascending, as the walk meets the taps, and where `runs` is
- * given lists them (first r0, length, r1, r2); clears *full if some byte of
- * the box is not a tap. */
+ * given lists them; clears *full if some byte of the box is not a tap. */
 static int64_t scan_runs(const tm_view *se, const int64_t ext[3], const int64_t c[3], int32_t (*runs)[TM_RUN_FIELDS],
                          int *full) {
     const uint8_t *bytes = (const uint8_t *)se->host;
@@ -68,8 +67,9 @@ static int64_t scan_runs(const tm_view *se, const int64_t ext[3], const int64_t 
                 while (k0 < ext[0] && row[k0 * se->stride[0]] == 1) k0++;
                 if (runs) {
                     int32_t *run = runs[count];
-                    run[0] = (int32_t)(first - c[0]), run[1] = (int32_t)(k0 - first);
-                    run[2] = (int32_t)(k1 - c[1]), run[3] = (int32_t)(k2 - c[2]);
+                    memset(run, 0, sizeof *runs);
+                    run[TM_RUN_R0] = (int32_t)(first - c[0]), run[TM_RUN_LENGTH] = (int32_t)(k0 - first);
+                    run[TM_RUN_R1] = (int32_t)(k1 - c[1]), run[TM_RUN_R2] = (int32_t)(k2 - c[2]);
                 }
                 count++;
             }
@@ -77,15 +77,16 @@ static int64_t scan_runs(const tm_view *se, const int64_t ext[3], const int64_t 
     return count;
 }
 
-/* The list of the mask's `count` runs into p (runs, count, longest); 0
- * where there is no memory for it. */
+/* The list of the mask's `count` runs into p (runs, count, longest), with
+ * room for as many again, where RUNS orders them (order_runs); 0 where
+ * there is no memory for it. */
 static int list_runs(const tm_view *se, const int64_t ext[3], const int64_t c[3], int64_t count, tm_walk_plan *p) {
     int full = 1;
-    if (!(p->runs = malloc((size_t)count * sizeof *p->runs))) return 0;
+    if (!(p->runs = malloc(2 * (size_t)count * sizeof *p->runs))) return 0;
     scan_runs(se, ext, c, p->runs, &full);
     p->count = (int32_t)count;
     for (int32_t i = 0; i < p->count; i++)
-        if (p->runs[i][1] > p->longest) p->longest = p->runs[i][1];
+        if (p->runs[i][TM_RUN_LENGTH] > p->longest) p->longest = p->runs[i][TM_RUN_LENGTH];
     return 1;
 }
 
@@ -103,8 +104,73 @@ void tm_walk_plan_release(tm_walk_plan *p) {
  * same. */
 static int worth_runs(const tm_walk_plan *p) {
     int64_t taps = 0;
-    for (int32_t i = 0; i < p->count; i++) taps += p->runs[i][1];
+    for (int32_t i = 0; i < p->count; i++) taps += p->runs[i][TM_RUN_LENGTH];
     return p->longest < ((int32_t)1 << TM_RUN_LEVELS) && taps >= 2 * (int64_t)p->count + 2 * TM_RUN_LEVELS;
+}
+
+/* RUNS keeps a table of folds of every source row: first the levels of
+ * doubled folds, entry k the fold of 2^k samples, up to the highest the
+ * longest run needs; then, for integer types, entries of exact run
+ * lengths, each the fold of two blocks of a level.  A run whose length
+ * has an entry (a power of two, or an exact length) is one read of the
+ * table; any other is two reads, the blocks of the level of the largest
+ * power of two in its length at its two ends.  An exact entry costs one
+ * operation a source sample and saves a read a run of its length per
+ * output sample, so a length takes one where at least two runs share it,
+ * the most shared first, and only as many as leave the table no larger
+ * than the levels of the longest runs (TM_RUN_LEVELS entries): a larger
+ * table of wide rows outgrows the caches (uint8 4096-wide rows, disks of
+ * radius 15 and 31 with 13 and 14 entries: 1.3 times as long).  The
+ * floating types keep the walk's order, and with it two reads a run. */
+static int32_t top_level(int32_t longest) {
+    int32_t k = 0;
+    while (((int64_t)2 << k) <= longest) k++;
+    return k;
+}
+
+static void choose_exact(tm_walk_plan *p) {
+    int32_t share[1 << TM_RUN_LEVELS] = {0};
+    p->exact = 0;
+    if (p->longest >= (1 << TM_RUN_LEVELS)) return;
+    for (int32_t i = 0; i < p->count; i++) share[p->runs[i][TM_RUN_LENGTH]]++;
+    const int32_t room = TM_RUN_LEVELS - 1 - top_level(p->longest);
+    while (p->exact < room) {
+        int32_t best = 0;
+        for (int32_t l = 3; l < (1 << TM_RUN_LEVELS); l++)
+            if ((l & (l - 1)) != 0 && share[l] >= 2 && share[l] > share[best]) best = l;
+        if (!best) break;
+        p->exact_length[p->exact++] = best;
+        share[best] = 0;
+    }
+}
+
+/* The entry of the table that holds a whole run of l taps; -1 if none. */
+static int32_t entry_of(const tm_walk_plan *p, int32_t top, int32_t l) {
+    if ((l & (l - 1)) == 0) return top_level(l);
+    for (int32_t m = 0; m < p->exact; m++)
+        if (p->exact_length[m] == l) return top + 1 + m;
+    return -1;
+}
+
+/* The list as RUNS reads it: each run's entry, and for integer types the
+ * runs of one read moved ahead of those of two (a minimum of integers is
+ * the same in any order; one loop over each kind keeps a read's
+ * bookkeeping to what it needs), in the walk's order within each kind.
+ * The moved rows go through the list's second half (list_runs). */
+static void order_runs(tm_walk_plan *p, int integer) {
+    const int32_t top = top_level(p->longest);
+    int32_t (*two)[TM_RUN_FIELDS] = p->runs + p->count;
+    int32_t ones = 0, twos = 0;
+    for (int32_t i = 0; i < p->count; i++) {
+        int32_t *run = p->runs[i];
+        const int32_t entry = entry_of(p, top, run[TM_RUN_LENGTH]);
+        run[TM_RUN_ENTRY] = entry >= 0 ? entry : top_level(run[TM_RUN_LENGTH]);
+        if (!integer || entry < 0) memcpy(two[twos++], run, sizeof *two);
+        else memmove(p->runs[ones++], run, sizeof *two);
+    }
+    memmove(p->runs + ones, two, (size_t)twos * sizeof *two);
+    p->one_read = ones;
+    for (int32_t i = 0; i < p->count; i++) p->runs[i][TM_RUN_EXACT_LENGTH] = i < p->exact ? p->exact_length[i] : 0;
 }
 
 /* A full box of one plane goes by segments where the box walk's linear
@@ -242,8 +308,16 @@ static int32_t choose(const tm_entry *e, const tm_view v[TM_NARGS], int wide, in
     const int64_t plane = ring_rows * width * e->bytes;
     const int64_t ring = plane * ext[2];
     if (ring > TM_MAX_BAND_BYTES) return TM_WALK_DIRECT;
-    /* RUNS keeps the levels of a slab's planes and the mask's reach. */
-    p->slab = slab_planes(ext[2], v[TM_OUT].extent[2], plane * (TM_RUN_LEVELS + 1));
+    /* RUNS keeps the table of a slab's planes and the mask's reach: its
+     * exact entries only where they leave the slab as deep. */
+    const int64_t levels = top_level(p->longest) + 1;
+    p->slab = slab_planes(ext[2], v[TM_OUT].extent[2], plane * (levels + 1));
+    if (fits && e->code != halide_type_float) choose_exact(p);
+    if (p->exact > 0) {
+        const int32_t slab = slab_planes(ext[2], v[TM_OUT].extent[2], plane * (levels + p->exact + 1));
+        if (slab < p->slab) p->exact = 0;
+        else p->slab = slab;
+    }
     int by_runs = fits && worth_runs(p) && p->slab > 0;
 
     /* A floating box folds only after it has looked for NaN in every row it
@@ -270,8 +344,11 @@ void tm_plan_walk(const tm_entry *e, const tm_view v[TM_NARGS], int wide, int32_
                   const halide_buffer_t *image, tm_walk_plan *p) {
     describe_list(p);
     p->walk = choose(e, v, wide, stage_width, image, p);
-    /* A direct walk is handed the list without runs. */
+    /* A direct walk is handed the list without runs; only RUNS reads the
+     * table's exact entries. */
     if (p->walk == TM_WALK_DIRECT) p->count = p->longest = 0;
+    if (p->walk == TM_WALK_RUNS) order_runs(p, e->code != halide_type_float);
+    else p->exact = 0;
     if (p->count > 0) p->buffer.host = (uint8_t *)p->runs;
     p->dim[1].extent = p->count;
 }

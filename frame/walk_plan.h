@@ -13,15 +13,35 @@ extern "C" {
 #endif
 
 /* How the call's stages walk the mask: the walk chosen (one of
- * stages/walks.h), and the mask's runs of taps in the walk's order (first
- * r0, length, r1, r2), described for the pipeline. */
+ * stages/walks.h), and the mask's runs of taps, described for the
+ * pipeline: a row of the list for each run, its fields
+ *   0, 1, 2, 3  the run's first r0, its length, its r1 and r2,
+ *   4           RUNS: the entry of the table of folds that it reads,
+ *   5           in row m, the length of the table's exact entry m (see
+ *               `exact`).
+ * The rows are in the walk's order, but for RUNS of integer types, whose
+ * runs of one read come first (see walk_plan.c). */
 #define TM_MAX_RUNS 4096
-#define TM_RUN_FIELDS 4
+#define TM_RUN_FIELDS 6
+#define TM_RUN_R0 0
+#define TM_RUN_LENGTH 1
+#define TM_RUN_R1 2
+#define TM_RUN_R2 3
+#define TM_RUN_ENTRY 4
+#define TM_RUN_EXACT_LENGTH 5
+
+/* (After the fields, which it checks against the pipelines' own.) */
+#include "tm_lanes.h"
+
 typedef struct {
     int32_t walk;
     int32_t count, longest;
     int32_t slab; /* RUNS: output planes a task walks in order (see walk_plan.c) */
-    /* On the heap: up to TM_MAX_RUNS runs would be 64 KiB of the caller's
+    /* RUNS: the table's entries of exact run lengths, after its levels, and
+     * the runs read once, at the head of the list. */
+    int32_t exact, one_read;
+    int32_t exact_length[TM_RUN_LEVELS];
+    /* On the heap: up to TM_MAX_RUNS runs would be 96 KiB of the caller's
      * stack, more than some hosts give a thread. */
     int32_t (*runs)[TM_RUN_FIELDS];
     int32_t no_run[TM_RUN_FIELDS];

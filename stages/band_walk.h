@@ -77,8 +77,9 @@ Halide::RDom write_rows(const Source &src, Halide::Func f, const std::vector<Hal
                         const Halide::Var &u, const Halide::Var &v, const Halide::Var &wv, const std::string &name);
 
 // The two blocks of the levels that cover a run of l taps whose first
-// offset r0 is a (RUNS, and SEGMENTS for the box's row): level k, the
-// largest power of two p = 2^k in l (at most the last of `levels`), and the
+// offset r0 is a (RUNS' runs of two reads, and SEGMENTS for the box's
+// row): level k, the largest power of two p = 2^k in l (at most the
+// highest of `levels`, that of the longest run), and the
 // offsets in source order of the blocks' first samples.  Erosion reads
 // x + r0, so a block starts at its least r0; dilation reads x - r0, so at
 // its greatest.
@@ -116,12 +117,14 @@ void ring(Halide::Func f, const BandSchedule &s);
 // A walk's update `update` over `r` computed per block of chunks of the
 // Func it is computed at, its fold over `r` outermost.
 void block_fold(Halide::Func walk, int update, const Halide::RDom &r, const BandSchedule &s);
-// A walk computed per block of chunks of `at`'s loop `xo`.
-void block_walk(Halide::Func walk, const Halide::RDom &r, Halide::Func at, const Halide::Var &xo,
+// A walk computed per block of chunks of `at`'s loop `xo`, its updates over
+// `r`, one by one.
+void block_walk(Halide::Func walk, const std::vector<Halide::RDom> &r, Halide::Func at, const Halide::Var &xo,
                 const BandSchedule &s);
 // A walk on rows narrower than a block, computed per block of
-// `group_chunks` chunks of `group_rows` rows of the stage (its loop `xo`).
-void rows_walk(Halide::Func walk, const Halide::RDom &r, const BandSchedule &s);
+// `group_chunks` chunks of `group_rows` rows of the stage (its loop `xo`),
+// its updates over `r`, one by one.
+void rows_walk(Halide::Func walk, const std::vector<Halide::RDom> &r, const BandSchedule &s);
 // A ring of folds `fold`, computed block by block from `walk`.
 void folded_ring(Halide::Func fold, Halide::Func walk, const Halide::RDom &r, const BandSchedule &s);
 // The levels of doubled folds computed at loop `at` of `out`.

@@ -126,7 +126,7 @@ RDom write_rows(const Source &src, Func f, const std::vector<Expr> &more, const 
 }
 
 TwoBlocks two_blocks(Walk w, const Expr &a, const Expr &l, const Levels &levels) {
-    const Expr k = unsafe_promise_clamped(31 - count_leading_zeros(max(l, 1)), 0, levels.count - 1);
+    const Expr k = unsafe_promise_clamped(31 - count_leading_zeros(max(l, 1)), 0, levels.top);
     const Expr p = 1 << k;
     if (w == Walk::Erode) return {k, a, a + l - p};
     return {k, a + (p - 1), a + l - 1};
@@ -134,13 +134,13 @@ TwoBlocks two_blocks(Walk w, const Expr &a, const Expr &l, const Levels &levels)
 
 RDom tap_domain(const BandSite &s, const std::string &name) {
     RDom t(0, s.runs.longest, 0, s.runs.count, name);
-    t.where(t.x < s.runs.list(1, t.y));
+    t.where(t.x < s.runs.list(kLength, t.y));
     return t;
 }
 
 Expr tap_sample(const Func &rows, const BandSite &s, const RDom &t) {
-    Expr r0 = offset_of(s.runs.list(0, t.y) + t.x, s.se, 0);
-    Expr r1 = offset_of(s.runs.list(2, t.y), s.se, 1), r2 = offset_of(s.runs.list(3, t.y), s.se, 2);
+    Expr r0 = offset_of(s.runs.list(kR0, t.y) + t.x, s.se, 0);
+    Expr r1 = offset_of(s.runs.list(kR1, t.y), s.se, 1), r2 = offset_of(s.runs.list(kR2, t.y), s.se, 2);
     return rows(step(s.w, s.x, r0), source_row(s, r1), step(s.w, s.z, r2));
 }
 
@@ -162,7 +162,17 @@ static_assert(kLevelAlign % 32 == 0, "a multiple of the widest vector of bytes")
 // (`reach`): the rows then hold no more samples than the longest run needs,
 // whatever the number of levels (a segment walk's twelve would otherwise
 // make every row 1024 samples longer).
-Levels define_levels(const BandSite &s, const std::string &name, int count) {
+//
+// RUNS' table (`table`) goes on past the levels with the entry point's
+// exact lengths: entry top + 1 + m holds at u the fold of the list's
+// exact length l_m, the two blocks of the level of the largest power of
+// two 2^k in l_m that start at u and at u + l_m - 2^k, in the walk's order
+// (they overlap; a fold of the least, of equal ones the last met, cannot
+// show it).  An entry is then one read for a whole run, where the levels
+// take two.  Entries of both kinds are one update, entry after entry per
+// group of rows, so that an exact entry reads levels still in the nearest
+// cache.
+Levels define_levels(const BandSite &s, const std::string &name, int count, bool table) {
     const Source &src = s.src;
     const Strel &se = s.se;
     const Var &u = s.u, &v = s.v, &wv = s.wv;
@@ -187,16 +197,33 @@ Levels define_levels(const BandSite &s, const std::string &name, int count) {
     Expr before = s.w == Walk::Erode ? se.centre[0] : se.extent[0] - 1 - se.centre[0];
     Expr first = s.row.min - before;
     Expr samples = (s.row.extent + se.extent[0] - 1 + kLevelAlign - 1) / kLevelAlign * kLevelAlign;
-    Expr top = 31 - count_leading_zeros(max(s.runs.longest, 1));
+    const Expr top = clamp(31 - count_leading_zeros(max(s.runs.longest, 1)), 0, count - 1);
     Expr reach = max(s.runs.longest / 2, 1);  // at least 2^(top - 1)
+    const Expr exact = table ? s.runs.exact : Expr(0);
+    l.top = top;
+    l.entries = top + 1 + exact;
     // All levels in one update, level after level (one loop nest, not one
     // per level: each costs compile time in every pipeline).
-    l.r = RDom(0, kLevelAlign, 0, samples / kLevelAlign, 1, clamp(top, 0, count - 1), name + "_up");
-    const Expr at = first + l.r.y * kLevelAlign + l.r.x, level = l.r.z;
-    // (A level runs only up to the highest one, so its half is within reach.)
-    const Expr half = unsafe_promise_clamped(1 << (level - 1), 1, reach);
-    const Expr lo = l.f(at, v, wv, level - 1), hi = l.f(at + half, v, wv, level - 1);
-    l.f(at, v, wv, level) = s.w == Walk::Erode ? combine(s.w, lo, hi, s.el) : combine(s.w, hi, lo, s.el);
+    l.r = RDom(0, kLevelAlign, 0, samples / kLevelAlign, 1, top + exact, name + "_up");
+    const Expr at = first + l.r.y * kLevelAlign + l.r.x, entry = l.r.z;
+    // Each entry from a level below it, `shift` samples apart.  (A level
+    // runs only up to the highest one, so its half is within reach; an
+    // exact length is at most the longest run, and its two blocks less
+    // than half of it apart.)
+    Expr from = entry - 1, shift = 1 << (entry - 1);
+    if (table) {
+        // The list's row of an exact entry, kept to a row the list has even
+        // where the level's branch is taken (RUNS has at least one row).
+        const Expr m = unsafe_promise_clamped(max(min(entry - top - 1, exact - 1), 0), 0, exact - 1);
+        const Expr length = s.runs.list(kExactLength, m);
+        const Expr level = unsafe_promise_clamped(31 - count_leading_zeros(max(length, 1)), 0, top);
+        from = select(entry <= top, from, level);
+        shift = select(entry <= top, shift, length - (1 << level));
+    }
+    from = unsafe_promise_clamped(from, 0, top);
+    shift = unsafe_promise_clamped(shift, 1, reach);
+    const Expr lo = l.f(at, v, wv, from), hi = l.f(at + shift, v, wv, from);
+    l.f(at, v, wv, entry) = s.w == Walk::Erode ? combine(s.w, lo, hi, s.el) : combine(s.w, hi, lo, s.el);
     l.level0 = Func(name + "0");
     l.level0(u, v, wv) = l.f(u, v, wv, 0);
     return l;
@@ -282,8 +309,8 @@ BandWalks band_walks(Walk w, const Source &src, const Strel &se, const Runs &run
     // have no box planes first (their ties would show the grouping).
     const BandSite site{w, src, se, runs, el, name, x, y, z, u, v, wv, init, b.row};
     if (el.is_float()) define_nan_rows(b, site);
-    b.levels = define_levels(site, name + "_levels", kSegmentLevels);
-    b.slab_levels = define_levels(site, name + "_slab_levels", kRunLevels);
+    b.levels = define_levels(site, name + "_levels", kSegmentLevels, false);
+    b.slab_levels = define_levels(site, name + "_slab_levels", kRunLevels, true);
     define_taps(b, site);
     define_box(b, site);
     define_runs(b, site);

@@ -105,16 +105,20 @@ struct Source {
 };
 
 // The mask's taps as the entry point lists them: runs of adjacent taps
-// along dimension 0, in the walk's order.  runs(0, i) is the first offset
-// r0 of run i, runs(1, i) its length, runs(2, i) and runs(3, i) its r1 and
-// r2; `longest` is the longest run.
+// along dimension 0, in the walk's order (but for RUNS of integer types,
+// where the `one_read` runs whose length has an entry of its own in the
+// table of folds come first).  The fields of row i, list(field, i), are
+// below; `count` is the runs, `longest` the longest, `exact` the entries of
+// exact lengths in RUNS' table.
 struct Runs {
     Halide::Func list;
-    Halide::Expr count, longest;
+    Halide::Expr count, longest, exact, one_read;
 };
 
-// The fields of one run in that list: first r0, length, r1, r2.
-constexpr int kRunFields = 4;
+// The fields of a row: the run's first offset r0, its length, its r1 and
+// r2, the entry of RUNS' table it reads, and in row m the length of the
+// table's exact entry m.
+enum RunField { kR0, kLength, kR1, kR2, kEntry, kExactLength, kRunFields };
 
 // Lanes of the NaN test of a source row: a multiple of every lane count.
 constexpr int kNanLanes = 64;
@@ -126,6 +130,8 @@ static_assert(kNanLanes % kNanFoldLanes == 0, "the NaN lanes fold a vector at a 
 // Levels of doubled folds kept per source row: folds of 1, 2, 4, ..., 64
 // samples, enough for runs of up to 127 taps (disks up to radius 63; with
 // six levels a disk of radius 32 fell to the tap walk, 13 times slower).
+// RUNS' table adds entries of exact lengths past them (the entry point
+// chooses them).
 constexpr int kRunLevels = 7;
 
 // The segment walk keeps one row's levels at a time, so it can afford many:
@@ -148,10 +154,14 @@ struct StageRow {
 // `rows` are, over `copy` where the source has a pad; the levels above it
 // one update over `r`, whose outermost dimension is the level, each from
 // the one below), and level 0 alone, for the taps; at most `count` levels.
+// RUNS' table goes on past its levels with entries of exact lengths
+// (`entries` in all), in the same update.  `top` is the highest level
+// computed, that of the longest run.
 struct Levels {
     Halide::Func f, level0;
     Halide::RDom copy, r;
     int count = 0;
+    Halide::Expr top, entries;
 };
 
 // Every Func and reduction domain of one stage's band walks, for the
@@ -188,18 +198,19 @@ struct BandWalks {
     Halide::Func plane_walk, plane_fold, plane_row_walk, plane_row_fold, plane_box;
     Halide::RDom plane_r, plane_row_r, plane_box_r;
     // Any mask whose runs are long: each source row folded over 2^k
-    // samples for every level k (`slab_levels`), then each run met as the
-    // two folds of 2^k samples that start at its two ends (`runs_walk` over
-    // `runs_r`; on rows narrower than a block `runs_rows` over
-    // `runs_rows_r`, integer types only).  Floating rows with a NaN in reach
-    // go by taps (the second update of `runs_walk`, over `runs_taps_r`).
-    // RUNS keeps its levels for a slab of output planes: each source plane's
-    // levels are computed once and read by every plane of the slab that
-    // reaches it.  SEGMENTS computes its `levels` for one source row at a
-    // time.
+    // samples for every level k and over the exact lengths of the table
+    // (`slab_levels`), then the runs met as one read of the table each and
+    // those of two reads (`runs_walk`, an update over each of `runs_r`; on
+    // rows narrower than a block `runs_rows` over `runs_rows_r`, integer
+    // types only).  Floating rows with a NaN in reach go by taps (the last
+    // update of `runs_walk`, over `runs_taps_r`).  RUNS keeps its table for
+    // a slab of output planes: each source plane's table is computed once
+    // and read by every plane of the slab that reaches it.  SEGMENTS
+    // computes its `levels` for one source row at a time.
     Levels levels, slab_levels;
     Halide::Func runs_walk, runs_rows;
-    Halide::RDom runs_r, runs_rows_r, runs_taps_r;
+    std::vector<Halide::RDom> runs_r, runs_rows_r;
+    Halide::RDom runs_taps_r;
     // A mask of ones filling a box of one plane: each source row folded
     // along the box's row from the levels (`segment_rows`, row by row, each
     // row's levels computed just before it), then per band the rows' folds

@@ -67,7 +67,7 @@ void define_box(BandWalks &b, const BandSite &s) {
 
 void schedule_box(const BandWalks &w, const BandSchedule &s) {
     folded_ring(w.row_fold, w.row_walk, w.row_r, s);
-    block_walk(w.box, w.box_r, s.out, s.xo, s);
+    block_walk(w.box, {w.box_r}, s.out, s.xo, s);
     // The rows a NaN sends back to the taps walk them in blocks like the rest.
     if (w.dirty.defined()) block_fold(w.box, 1, w.box_taps_r, s);
 }

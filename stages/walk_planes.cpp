@@ -37,7 +37,7 @@ void define_planes(BandWalks &b, const BandSite &s) {
 void schedule_planes(const BandWalks &w, const BandSchedule &s) {
     folded_ring(w.plane_fold, w.plane_walk, w.plane_r, s);
     folded_ring(w.plane_row_fold, w.plane_row_walk, w.plane_row_r, s);
-    block_walk(w.plane_box, w.plane_box_r, s.out, s.xo, s);
+    block_walk(w.plane_box, {w.plane_box_r}, s.out, s.xo, s);
 }
 
 }  // namespace morph

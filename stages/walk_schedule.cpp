@@ -43,10 +43,10 @@ void block_fold(Func walk, int update, const RDom &r, const BandSchedule &s) {
     walk.update(update).split(wx, wk, wx, kVectorChunks * s.lanes).vectorize(wx).unroll(wk).reorder(order);
 }
 
-void block_walk(Func walk, const RDom &r, Func at, const Var &xo, const BandSchedule &s) {
+void block_walk(Func walk, const std::vector<RDom> &r, Func at, const Var &xo, const BandSchedule &s) {
     walk.compute_at(at, xo);
     walk.vectorize(walk.args()[0], kBlockChunks * s.lanes);
-    block_fold(walk, 0, r, s);
+    for (size_t i = 0; i < r.size(); i++) block_fold(walk, int(i), r[i], s);
 }
 
 // On rows narrower than a block the block is s.group_chunks chunks of
@@ -56,14 +56,16 @@ void block_walk(Func walk, const RDom &r, Func at, const Var &xo, const BandSche
 // its end, and the last pair of chunks of a row with an odd number of them
 // a chunk past its end, which are never stored), so that its accumulators
 // stay in registers.
-void rows_walk(Func walk, const RDom &r, const BandSchedule &s) {
+void rows_walk(Func walk, const std::vector<RDom> &r, const BandSchedule &s) {
     Var wx = walk.args()[0], wy = walk.args()[1];
     const int width = s.group_chunks * s.lanes;
     walk.compute_at(s.out, s.xo).bound_extent(wy, s.group_rows);
     walk.vectorize(wx, width, TailStrategy::RoundUp).unroll(wy);
-    std::vector<VarOrRVar> order = {wx, wy};
-    for (int i = 0; i < r.dimensions(); i++) order.push_back(r[i]);
-    walk.update().vectorize(wx, width, TailStrategy::RoundUp).unroll(wy).reorder(order);
+    for (size_t u = 0; u < r.size(); u++) {
+        std::vector<VarOrRVar> order = {wx, wy};
+        for (int i = 0; i < r[u].dimensions(); i++) order.push_back(r[u][i]);
+        walk.update(int(u)).vectorize(wx, width, TailStrategy::RoundUp).unroll(wy).reorder(order);
+    }
 }
 
 // The fold kept per source row, computed block by block of K chunks (the
@@ -75,7 +77,7 @@ void folded_ring(Func fold, Func walk, const RDom &r, const BandSchedule &s) {
     Var u = fold.args()[0], uo("uo"), ui("ui");
     fold.compute_at(s.out, s.yb);
     fold.split(u, uo, ui, kBlockChunks * L, TailStrategy::ShiftInwards).vectorize(ui);
-    block_walk(walk, r, fold, uo, s);
+    block_walk(walk, {r}, fold, uo, s);
 }
 
 // Levels computed at `at` of `out`: for each group of kLevelRows rows, its

@@ -24,8 +24,8 @@ void define_taps(BandWalks &b, const BandSite &s) {
 }
 
 void schedule_taps(const BandWalks &w, const BandSchedule &s) {
-    block_walk(w.taps, w.taps_r, s.out, s.xo, s);
-    rows_walk(w.taps_rows, w.taps_rows_r, s);
+    block_walk(w.taps, {w.taps_r}, s.out, s.xo, s);
+    rows_walk(w.taps_rows, {w.taps_rows_r}, s);
 }
 
 }  // namespace morph

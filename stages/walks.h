@@ -15,9 +15,11 @@
  *           folds across rows and planes.
  *   PLANES  the box walk planes first (integer types, boxes of several
  *           planes): any grouping of a minimum serves for them.
- *   RUNS    band walk of runs by doubled folds (masks of long runs): each
- *           run met as two overlapping folds; a band walks a slab of
- *           planes from the levels of every plane the slab reads.
+ *   RUNS    band walk of runs by a table of folds (masks of long runs):
+ *           levels of doubled folds, and for integer types folds of the
+ *           lengths several runs share; a run whose length the table holds
+ *           is one read, any other two overlapping ones; a band walks a
+ *           slab of planes from the tables of every plane the slab reads.
  *   SEGMENTS band walk of a large box of one plane: rows folded as RUNS
  *           folds a run, then across rows the folds from the start and to
  *           the end of segments of the box's height, two of them a sample.

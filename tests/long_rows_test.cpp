@@ -89,6 +89,8 @@ const MaskCase kMasks[] = {
      [](int, int j, int, std::mt19937 &) -> uint8_t { return j != 30; }},
     {"row of 100 with a gap: runs of 70 and 29 read through folds of 64", {100, 1, 1},
      [](int i, int, int, std::mt19937 &) -> uint8_t { return i != 70; }},
+    {"runs of 3, 5 and 6 off centre, each length in several rows: one read of an exact fold each", {12, 20, 1},
+     [](int i, int j, int, std::mt19937 &) -> uint8_t { return i >= j % 5 && i < j % 5 + "\3\5\6"[j % 3]; }},
     {"5 x 81 mask of runs of 5 and 3: taller than a band, by its runs", {5, 81, 1},
      [](int i, int j, int, std::mt19937 &) -> uint8_t { return j % 2 == 0 || (i > 0 && i < 4); }},
     {"checkerboard of 1088 runs: a long list walked by taps", {64, 34, 1},

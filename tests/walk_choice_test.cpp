@@ -158,8 +158,13 @@ const Row kRows[] = {
      TM_WALK_PLANES},
     {"rows whose band task would keep more than 64 MiB", T::UInt8, false, true, 0, 4096, 0, 0, box(3, 3, 9),
      TM_WALK_DIRECT},
-    {"folds of levels beyond 64 MiB keep the taps", T::UInt8, false, true, 0, 1024, 0, 0,
+    // 128 rows of 32768 + 15 + 256 + 64 samples, 4 levels and the rows: 21
+    // MiB a plane, so 3 planes fit in 64 MiB and 4 do not.
+    {"folds of levels within 64 MiB", T::UInt8, false, true, 0, 1024, 0, 0,
      {{15, 15, 3}, [](int i, int j, int) -> uint8_t { return (i - 7) * (i - 7) + (j - 7) * (j - 7) <= 49; }},
+     TM_WALK_RUNS},
+    {"folds of levels beyond 64 MiB keep the taps", T::UInt8, false, true, 0, 1024, 0, 0,
+     {{15, 15, 4}, [](int i, int j, int) -> uint8_t { return (i - 7) * (i - 7) + (j - 7) * (j - 7) <= 49; }},
      TM_WALK_TAPS},
 };
 
@@ -203,18 +208,20 @@ TEST_P(WalkChoice, PicksItsWalk) {
 
 // The output planes a task of RUNS walks in order: none shared by a mask
 // of one plane, at least the mask's planes and at least 8, no more than the
-// output's planes, and fewer where a band's levels would outgrow 64 MiB.
+// output's planes, and fewer where a band's table would outgrow 64 MiB; the
+// table's exact entry (runs of 15) only where it leaves the slab as deep.
 struct SlabRow {
     int32_t e2, out_planes, chunks;  // uint8 rows of `chunks` chunks
-    int32_t expected;
+    int32_t expected, exact;
 };
 
 TEST(SlabPlanes, FollowTheMaskTheOutputAndTheMemory) {
     const SlabRow rows[] = {
-        {1, 100, 16, 1}, {3, 100, 16, 8}, {15, 100, 16, 15}, {15, 4, 16, 4}, {31, 200, 16, 31},
-        // 128 rows of levels (8 a sample) per plane of 4096 + 15 + 256 + 64
-        // samples: 4.3 MiB a plane, 14 planes in 64 MiB.
-        {3, 100, 128, 8}, {13, 100, 128, 2}, {15, 100, 128, 0},
+        {1, 100, 16, 1, 1}, {3, 100, 16, 8, 1}, {15, 100, 16, 15, 1}, {15, 4, 16, 4, 1}, {31, 200, 16, 31, 1},
+        // 128 rows per plane of 4096 + 15 + 256 + 64 samples, the table of 4
+        // levels and the rows: 2.7 MiB a plane, 23 planes in 64 MiB; with
+        // the exact entry 3.2 MiB, 19 planes.
+        {3, 100, 128, 8, 1}, {13, 100, 128, 11, 0}, {15, 100, 128, 9, 0}, {31, 100, 128, 0, 0},
     };
     for (const SlabRow &r : rows) {
         SCOPED_TRACE("e2 " + std::to_string(r.e2) + ", " + std::to_string(r.out_planes) + " planes, " +
@@ -233,7 +240,72 @@ TEST(SlabPlanes, FollowTheMaskTheOutputAndTheMemory) {
         tm_walk_plan p;
         tm_plan_walk(&e, v, 1, 0, nullptr, &p);
         EXPECT_EQ(p.slab, r.expected);
+        EXPECT_EQ(p.exact, r.exact);
         EXPECT_STREQ(walk_name(p.walk), walk_name(r.expected > 0 ? TM_WALK_RUNS : TM_WALK_TAPS));
+        tm_walk_plan_release(&p);
+    }
+}
+
+// RUNS' table and list: a row of each length below, one under the other.
+// Levels up to 16 leave room for two exact lengths, the most shared (3 and
+// 6 before 10, by length among equals); runs of those and of powers of two
+// are one read and come first for integer types, in the walk's order, the
+// others after them; floating types keep the walk's order and two reads a
+// run.
+TEST(RunsTable, ExactLengthsAndRunsOfOneReadFirst) {
+    const int lengths[] = {6, 3, 10, 6, 5, 3, 16, 1, 10};
+    const int rows = sizeof lengths / sizeof lengths[0];
+    std::vector<uint8_t> mask(size_t(16) * rows, 0);
+    for (int j = 0; j < rows; j++)
+        for (int i = 0; i < lengths[j]; i++) mask[size_t(j) * 16 + i] = 1;
+    for (T type : {T::UInt8, T::Float32}) {
+        const bool floating = type == T::Float32;
+        const int32_t lanes = floating ? TM_LANES_float32_avx2 : TM_LANES_uint8_avx2;
+        const tm_entry e = {TM_OP_imerode, uint8_t(floating ? 2 : 1), uint8_t(floating ? 32 : 8), uint8_t(floating ? 4 : 1), lanes, nullptr};
+        tm_view v[4];
+        std::memset(v, 0, sizeof v);
+        v[2].host = mask.data();
+        v[2].extent[0] = 16, v[2].extent[1] = rows, v[2].extent[2] = 1;
+        v[2].stride[0] = 1, v[2].stride[1] = 16, v[2].stride[2] = 16 * rows;
+        v[3].extent[0] = 64 * lanes, v[3].extent[1] = 1, v[3].extent[2] = 1;
+        // No NaN in reach: an image of zeros, bounds of zero.
+        double bounds[2] = {0.0, 0.0};
+        v[1].host = bounds;
+        v[1].extent[0] = 2, v[1].extent[1] = 1, v[1].stride[0] = 1, v[1].stride[1] = 2;
+        float samples[4] = {};
+        halide_dimension_t dim[3] = {{0, 4, 1, 0}, {0, 1, 4, 0}, {0, 1, 4, 0}};
+        halide_buffer_t image = {};
+        image.host = reinterpret_cast<uint8_t *>(samples);
+        image.dimensions = 3;
+        image.dim = dim;
+        tm_walk_plan p;
+        tm_plan_walk(&e, v, 1, 0, &image, &p);
+        ASSERT_STREQ(walk_name(p.walk), "RUNS");
+        ASSERT_EQ(p.count, rows);
+        std::vector<int> order, entries;
+        for (int i = 0; i < p.count; i++) {
+            order.push_back(p.runs[i][TM_RUN_LENGTH]);
+            entries.push_back(p.runs[i][TM_RUN_ENTRY]);
+        }
+        if (floating) {
+            EXPECT_EQ(p.exact, 0);
+            EXPECT_EQ(p.one_read, 0);
+            EXPECT_EQ(order, std::vector<int>(lengths, lengths + rows));
+        } else {
+            // Levels 0-4 (1 to 16), then 3 and 6.
+            EXPECT_EQ(p.exact, 2);
+            EXPECT_EQ(p.one_read, 6);
+            EXPECT_EQ(order, (std::vector<int>{6, 3, 6, 3, 16, 1, 10, 5, 10}));
+            EXPECT_EQ(entries, (std::vector<int>{6, 5, 6, 5, 4, 0, 3, 2, 3}));
+            EXPECT_EQ(p.runs[0][TM_RUN_EXACT_LENGTH], 3);
+            EXPECT_EQ(p.runs[1][TM_RUN_EXACT_LENGTH], 6);
+            EXPECT_EQ(p.runs[2][TM_RUN_EXACT_LENGTH], 0);
+        }
+        // Each row keeps its run: its r1 is the mask's row of its length.
+        for (int i = 0; i < p.count; i++) {
+            const int j = p.runs[i][TM_RUN_R1] + rows / 2;
+            EXPECT_EQ(lengths[j], p.runs[i][TM_RUN_LENGTH]);
+        }
         tm_walk_plan_release(&p);
     }
 }
