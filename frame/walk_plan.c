@@ -120,7 +120,11 @@ static int worth_runs(const tm_walk_plan *p) {
  * the most shared first, and only as many as leave the table no larger
  * than the levels of the longest runs (TM_RUN_LEVELS entries): a larger
  * table of wide rows outgrows the caches (uint8 4096-wide rows, disks of
- * radius 15 and 31 with 13 and 14 entries: 1.3 times as long).  The
+ * radius 15 and 31 with 13 and 14 entries: 1.3 times as long).  Nor does
+ * a mask of which fewer than a third of the runs are one read take them
+ * apart: what they save is then less than the reach of a second pass over
+ * the source rows and of the more entries read (uint8 ball of radius 15 on
+ * 128^3, a quarter of its runs one read: 1.04-1.10 times as long).  The
  * floating types keep the walk's order, and with it two reads a run. */
 static int32_t top_level(int32_t longest) {
     int32_t k = 0;
@@ -128,9 +132,12 @@ static int32_t top_level(int32_t longest) {
     return k;
 }
 
+static int32_t entry_of(const tm_walk_plan *p, int32_t top, int32_t l);
+
 static void choose_exact(tm_walk_plan *p) {
     int32_t share[1 << TM_RUN_LEVELS] = {0};
     p->exact = 0;
+    p->one_read_first = 0;
     if (p->longest >= (1 << TM_RUN_LEVELS)) return;
     for (int32_t i = 0; i < p->count; i++) share[p->runs[i][TM_RUN_LENGTH]]++;
     const int32_t room = TM_RUN_LEVELS - 1 - top_level(p->longest);
@@ -142,6 +149,10 @@ static void choose_exact(tm_walk_plan *p) {
         p->exact_length[p->exact++] = best;
         share[best] = 0;
     }
+    int32_t ones = 0;
+    for (int32_t i = 0; i < p->count; i++) ones += entry_of(p, top_level(p->longest), p->runs[i][TM_RUN_LENGTH]) >= 0;
+    p->one_read_first = 3 * (int64_t)ones >= p->count;
+    if (!p->one_read_first) p->exact = 0;
 }
 
 /* The entry of the table that holds a whole run of l taps; -1 if none. */
@@ -152,12 +163,14 @@ static int32_t entry_of(const tm_walk_plan *p, int32_t top, int32_t l) {
     return -1;
 }
 
-/* The list as RUNS reads it: each run's entry, and for integer types the
- * runs of one read moved ahead of those of two (a minimum of integers is
- * the same in any order; one loop over each kind keeps a read's
- * bookkeeping to what it needs), in the walk's order within each kind.
- * The moved rows go through the list's second half (list_runs). */
-static void order_runs(tm_walk_plan *p, int integer) {
+/* The list as RUNS reads it: each run's entry, and where choose_exact
+ * said so the runs of one read moved ahead of those of two (for integer
+ * types only: a minimum of integers is the same in any order; one loop
+ * over each kind keeps a read's bookkeeping to what it needs), in the
+ * walk's order within each kind.  The moved rows go through the list's
+ * second half (list_runs). */
+static void order_runs(tm_walk_plan *p) {
+    const int first = p->one_read_first;
     const int32_t top = top_level(p->longest);
     int32_t (*two)[TM_RUN_FIELDS] = p->runs + p->count;
     int32_t ones = 0, twos = 0;
@@ -165,7 +178,7 @@ static void order_runs(tm_walk_plan *p, int integer) {
         int32_t *run = p->runs[i];
         const int32_t entry = entry_of(p, top, run[TM_RUN_LENGTH]);
         run[TM_RUN_ENTRY] = entry >= 0 ? entry : top_level(run[TM_RUN_LENGTH]);
-        if (!integer || entry < 0) memcpy(two[twos++], run, sizeof *two);
+        if (!first || entry < 0) memcpy(two[twos++], run, sizeof *two);
         else memmove(p->runs[ones++], run, sizeof *two);
     }
     memmove(p->runs + ones, two, (size_t)twos * sizeof *two);
@@ -318,7 +331,14 @@ static int32_t choose(const tm_entry *e, const tm_view v[TM_NARGS], int wide, in
         if (slab < p->slab) p->exact = 0;
         else p->slab = slab;
     }
-    int by_runs = fits && worth_runs(p) && p->slab > 0;
+    /* Across planes RUNS also shares a source plane's rows among the output
+     * planes of a slab, where TAPS writes out every plane it reaches anew
+     * for each output plane: integer masks of several planes go by runs
+     * however short (a ball of radius 1, 7 taps, on 256^3: uint8 0.80,
+     * uint16 0.93 of the time by taps; on 128^3 0.91).  (Floating rows
+     * would test every plane for NaN besides.) */
+    const int across = ext[2] > 1 && e->code != halide_type_float && p->longest < ((int32_t)1 << TM_RUN_LEVELS);
+    int by_runs = fits && (worth_runs(p) || across) && p->slab > 0;
 
     /* A floating box folds only after it has looked for NaN in every row it
      * reads, a pass of its own over the source: for a box of a few taps
@@ -347,7 +367,7 @@ void tm_plan_walk(const tm_entry *e, const tm_view v[TM_NARGS], int wide, int32_
     /* A direct walk is handed the list without runs; only RUNS reads the
      * table's exact entries. */
     if (p->walk == TM_WALK_DIRECT) p->count = p->longest = 0;
-    if (p->walk == TM_WALK_RUNS) order_runs(p, e->code != halide_type_float);
+    if (p->walk == TM_WALK_RUNS) order_runs(p);
     else p->exact = 0;
     if (p->count > 0) p->buffer.host = (uint8_t *)p->runs;
     p->dim[1].extent = p->count;

@@ -37,9 +37,9 @@ typedef struct {
     int32_t walk;
     int32_t count, longest;
     int32_t slab; /* RUNS: output planes a task walks in order (see walk_plan.c) */
-    /* RUNS: the table's entries of exact run lengths, after its levels, and
-     * the runs read once, at the head of the list. */
-    int32_t exact, one_read;
+    /* RUNS: the table's entries of exact run lengths, after its levels,
+     * whether the runs read once go first, and how many they are. */
+    int32_t exact, one_read_first, one_read;
     int32_t exact_length[TM_RUN_LEVELS];
     /* On the heap: up to TM_MAX_RUNS runs would be 96 KiB of the caller's
      * stack, more than some hosts give a thread. */

@@ -107,6 +107,14 @@ const Row kRows[] = {
     {"cube on narrow rows, more runs than the list holds", T::UInt8, false, true, 0, 2, 0, 0, box(3, 64, 65),
      TM_WALK_DIRECT},
     {"3 x 3 x 3 cube, integers: planes first", T::UInt8, false, true, 0, 16, 0, 0, box(3, 3, 3), TM_WALK_PLANES},
+    {"ball of radius 1, integers: short runs across planes share a slab's rows", T::UInt16, false, true, 0, 2, 0, 0,
+     {{3, 3, 3}, [](int i, int j, int k) -> uint8_t { return (i - 1) * (i - 1) + (j - 1) * (j - 1) + (k - 1) * (k - 1) <= 1; }},
+     TM_WALK_RUNS},
+    {"ball of radius 1, floating: by taps", T::Float32, false, true, 0, 16, 0, 0,
+     {{3, 3, 3}, [](int i, int j, int k) -> uint8_t { return (i - 1) * (i - 1) + (j - 1) * (j - 1) + (k - 1) * (k - 1) <= 1; }},
+     TM_WALK_TAPS},
+    {"cross of one plane, integers: by taps", T::UInt8, false, true, 0, 16, 0, 0,
+     {{3, 3, 1}, [](int i, int j, int) -> uint8_t { return i == 1 || j == 1; }}, TM_WALK_TAPS},
     {"3 x 3 x 3 cube, floating: the walk's own grouping", T::Float32, false, true, 0, 16, 0, 0, box(3, 3, 3),
      TM_WALK_BOX},
     {"floating 3 x 3 box: 9 taps go by taps", T::Float32, false, true, 0, 16, 0, 0, box(3, 3), TM_WALK_TAPS},
@@ -246,68 +254,79 @@ TEST(SlabPlanes, FollowTheMaskTheOutputAndTheMemory) {
     }
 }
 
-// RUNS' table and list: a row of each length below, one under the other.
+// RUNS' table and list for a mask of one row of each length given, one
+// under the other, on long rows without NaN in reach.
+tm_walk_plan runs_plan(const std::vector<int> &lengths, T type) {
+    const int rows = int(lengths.size());
+    static std::vector<uint8_t> mask;
+    mask.assign(size_t(16) * rows, 0);
+    for (int j = 0; j < rows; j++)
+        for (int i = 0; i < lengths[j]; i++) mask[size_t(j) * 16 + i] = 1;
+    const bool floating = type == T::Float32;
+    const int32_t lanes = floating ? TM_LANES_float32_avx2 : TM_LANES_uint8_avx2;
+    const tm_entry e = {TM_OP_imerode, uint8_t(floating ? 2 : 1), uint8_t(floating ? 32 : 8), uint8_t(floating ? 4 : 1), lanes, nullptr};
+    tm_view v[4];
+    std::memset(v, 0, sizeof v);
+    v[2].host = mask.data();
+    v[2].extent[0] = 16, v[2].extent[1] = rows, v[2].extent[2] = 1;
+    v[2].stride[0] = 1, v[2].stride[1] = 16, v[2].stride[2] = 16 * rows;
+    v[3].extent[0] = 64 * lanes, v[3].extent[1] = 1, v[3].extent[2] = 1;
+    static double bounds[2] = {0.0, 0.0};
+    v[1].host = bounds;
+    v[1].extent[0] = 2, v[1].extent[1] = 1, v[1].stride[0] = 1, v[1].stride[1] = 2;
+    static float samples[4] = {};
+    static halide_dimension_t dim[3] = {{0, 4, 1, 0}, {0, 1, 4, 0}, {0, 1, 4, 0}};
+    halide_buffer_t image = {};
+    image.host = reinterpret_cast<uint8_t *>(samples);
+    image.dimensions = 3;
+    image.dim = dim;
+    tm_walk_plan p;
+    tm_plan_walk(&e, v, 1, 0, &image, &p);
+    return p;
+}
+
+std::vector<int> field_of(const tm_walk_plan &p, int field) {
+    std::vector<int> f;
+    for (int i = 0; i < p.count; i++) f.push_back(p.runs[i][field]);
+    return f;
+}
+
 // Levels up to 16 leave room for two exact lengths, the most shared (3 and
 // 6 before 10, by length among equals); runs of those and of powers of two
 // are one read and come first for integer types, in the walk's order, the
 // others after them; floating types keep the walk's order and two reads a
-// run.
+// run, and so do integer masks of which fewer than a third of the runs
+// would be one read.
 TEST(RunsTable, ExactLengthsAndRunsOfOneReadFirst) {
-    const int lengths[] = {6, 3, 10, 6, 5, 3, 16, 1, 10};
-    const int rows = sizeof lengths / sizeof lengths[0];
-    std::vector<uint8_t> mask(size_t(16) * rows, 0);
-    for (int j = 0; j < rows; j++)
-        for (int i = 0; i < lengths[j]; i++) mask[size_t(j) * 16 + i] = 1;
+    const std::vector<int> lengths = {6, 3, 10, 6, 5, 3, 16, 1, 10};
     for (T type : {T::UInt8, T::Float32}) {
-        const bool floating = type == T::Float32;
-        const int32_t lanes = floating ? TM_LANES_float32_avx2 : TM_LANES_uint8_avx2;
-        const tm_entry e = {TM_OP_imerode, uint8_t(floating ? 2 : 1), uint8_t(floating ? 32 : 8), uint8_t(floating ? 4 : 1), lanes, nullptr};
-        tm_view v[4];
-        std::memset(v, 0, sizeof v);
-        v[2].host = mask.data();
-        v[2].extent[0] = 16, v[2].extent[1] = rows, v[2].extent[2] = 1;
-        v[2].stride[0] = 1, v[2].stride[1] = 16, v[2].stride[2] = 16 * rows;
-        v[3].extent[0] = 64 * lanes, v[3].extent[1] = 1, v[3].extent[2] = 1;
-        // No NaN in reach: an image of zeros, bounds of zero.
-        double bounds[2] = {0.0, 0.0};
-        v[1].host = bounds;
-        v[1].extent[0] = 2, v[1].extent[1] = 1, v[1].stride[0] = 1, v[1].stride[1] = 2;
-        float samples[4] = {};
-        halide_dimension_t dim[3] = {{0, 4, 1, 0}, {0, 1, 4, 0}, {0, 1, 4, 0}};
-        halide_buffer_t image = {};
-        image.host = reinterpret_cast<uint8_t *>(samples);
-        image.dimensions = 3;
-        image.dim = dim;
-        tm_walk_plan p;
-        tm_plan_walk(&e, v, 1, 0, &image, &p);
+        tm_walk_plan p = runs_plan(lengths, type);
         ASSERT_STREQ(walk_name(p.walk), "RUNS");
-        ASSERT_EQ(p.count, rows);
-        std::vector<int> order, entries;
-        for (int i = 0; i < p.count; i++) {
-            order.push_back(p.runs[i][TM_RUN_LENGTH]);
-            entries.push_back(p.runs[i][TM_RUN_ENTRY]);
-        }
-        if (floating) {
+        ASSERT_EQ(p.count, int(lengths.size()));
+        if (type == T::Float32) {
             EXPECT_EQ(p.exact, 0);
             EXPECT_EQ(p.one_read, 0);
-            EXPECT_EQ(order, std::vector<int>(lengths, lengths + rows));
+            EXPECT_EQ(field_of(p, TM_RUN_LENGTH), lengths);
         } else {
             // Levels 0-4 (1 to 16), then 3 and 6.
             EXPECT_EQ(p.exact, 2);
             EXPECT_EQ(p.one_read, 6);
-            EXPECT_EQ(order, (std::vector<int>{6, 3, 6, 3, 16, 1, 10, 5, 10}));
-            EXPECT_EQ(entries, (std::vector<int>{6, 5, 6, 5, 4, 0, 3, 2, 3}));
-            EXPECT_EQ(p.runs[0][TM_RUN_EXACT_LENGTH], 3);
-            EXPECT_EQ(p.runs[1][TM_RUN_EXACT_LENGTH], 6);
-            EXPECT_EQ(p.runs[2][TM_RUN_EXACT_LENGTH], 0);
+            EXPECT_EQ(field_of(p, TM_RUN_LENGTH), (std::vector<int>{6, 3, 6, 3, 16, 1, 10, 5, 10}));
+            EXPECT_EQ(field_of(p, TM_RUN_ENTRY), (std::vector<int>{6, 5, 6, 5, 4, 0, 3, 2, 3}));
+            EXPECT_EQ(field_of(p, TM_RUN_EXACT_LENGTH), (std::vector<int>{3, 6, 0, 0, 0, 0, 0, 0, 0}));
         }
         // Each row keeps its run: its r1 is the mask's row of its length.
-        for (int i = 0; i < p.count; i++) {
-            const int j = p.runs[i][TM_RUN_R1] + rows / 2;
-            EXPECT_EQ(lengths[j], p.runs[i][TM_RUN_LENGTH]);
-        }
+        for (int i = 0; i < p.count; i++) EXPECT_EQ(lengths[p.runs[i][TM_RUN_R1] + int(lengths.size()) / 2], p.runs[i][TM_RUN_LENGTH]);
         tm_walk_plan_release(&p);
     }
+    // One run of eight read once: no exact entry, no loop of its own.
+    const std::vector<int> few = {5, 6, 7, 9, 8, 11, 13, 12, 14, 10, 15};
+    tm_walk_plan p = runs_plan(few, T::UInt8);
+    ASSERT_STREQ(walk_name(p.walk), "RUNS");
+    EXPECT_EQ(p.exact, 0);
+    EXPECT_EQ(p.one_read, 0);
+    EXPECT_EQ(field_of(p, TM_RUN_LENGTH), few);
+    tm_walk_plan_release(&p);
 }
 
 INSTANTIATE_TEST_SUITE_P(Calls, WalkChoice, testing::ValuesIn(kRows), [](const testing::TestParamInfo<Row> &i) {
