@@ -19,7 +19,9 @@
  *           levels of doubled folds, and for integer types folds of the
  *           lengths several runs share; a run whose length the table holds
  *           is one read, any other two overlapping ones; a band walks a
- *           slab of planes from the tables of every plane the slab reads.
+ *           slab of planes from the tables of every plane the slab reads
+ *           (which also takes integer masks of several planes however
+ *           short their runs).
  *   SEGMENTS band walk of a large box of one plane: rows folded as RUNS
  *           folds a run, then across rows the folds from the start and to
  *           the end of segments of the box's height, two of them a sample.
