@@ -132,7 +132,13 @@ static int32_t top_level(int32_t longest) {
     return k;
 }
 
-static int32_t entry_of(const tm_walk_plan *p, int32_t top, int32_t l);
+/* The entry of the table that holds a whole run of l taps; -1 if none. */
+static int32_t entry_of(const tm_walk_plan *p, int32_t top, int32_t l) {
+    if ((l & (l - 1)) == 0) return top_level(l);
+    for (int32_t m = 0; m < p->exact; m++)
+        if (p->exact_length[m] == l) return top + 1 + m;
+    return -1;
+}
 
 static void choose_exact(tm_walk_plan *p) {
     int32_t share[1 << TM_RUN_LEVELS] = {0};
@@ -140,7 +146,7 @@ static void choose_exact(tm_walk_plan *p) {
     p->one_read_first = 0;
     if (p->longest >= (1 << TM_RUN_LEVELS)) return;
     for (int32_t i = 0; i < p->count; i++) share[p->runs[i][TM_RUN_LENGTH]]++;
-    const int32_t room = TM_RUN_LEVELS - 1 - top_level(p->longest);
+    const int32_t top = top_level(p->longest), room = TM_RUN_LEVELS - 1 - top;
     while (p->exact < room) {
         int32_t best = 0;
         for (int32_t l = 3; l < (1 << TM_RUN_LEVELS); l++)
@@ -150,17 +156,9 @@ static void choose_exact(tm_walk_plan *p) {
         share[best] = 0;
     }
     int32_t ones = 0;
-    for (int32_t i = 0; i < p->count; i++) ones += entry_of(p, top_level(p->longest), p->runs[i][TM_RUN_LENGTH]) >= 0;
+    for (int32_t i = 0; i < p->count; i++) ones += entry_of(p, top, p->runs[i][TM_RUN_LENGTH]) >= 0;
     p->one_read_first = 3 * (int64_t)ones >= p->count;
     if (!p->one_read_first) p->exact = 0;
-}
-
-/* The entry of the table that holds a whole run of l taps; -1 if none. */
-static int32_t entry_of(const tm_walk_plan *p, int32_t top, int32_t l) {
-    if ((l & (l - 1)) == 0) return top_level(l);
-    for (int32_t m = 0; m < p->exact; m++)
-        if (p->exact_length[m] == l) return top + 1 + m;
-    return -1;
 }
 
 /* The list as RUNS reads it: each run's entry, and where choose_exact
