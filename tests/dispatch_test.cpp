@@ -124,6 +124,8 @@ TEST(Dispatch, NestedFailureReachesTheOuterCaller) {
 
 #include <cstdio>
 #include <cstdlib>
+#include <thread>
+#include <utility>
 
 #include "HalideRuntime.h"
 #include "blocks.h"
@@ -198,6 +200,55 @@ TEST(Blocks, KeptBetweenCallsUpToABound) {
     EXPECT_NE(b[0], b[1]);
     for (void *p : b) halide_default_free(nullptr, p);
     tm_blocks_leave();
+}
+
+// Each thread keeps what it frees apart from the others (in the caches of
+// its core), yet a block one thread freed still serves another that has
+// none of its own; and threads allocating and freeing at once never get
+// the same block twice.
+TEST(Blocks, SharedAcrossThreads) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "blocks are never kept under AddressSanitizer";
+#endif
+    tm_blocks_drop();
+    tm_blocks_enter();
+    void *freed = nullptr;
+    std::thread([&] {
+        freed = halide_default_malloc(nullptr, 1 << 20);
+        halide_default_free(nullptr, freed);
+    }).join();
+    void *taken = halide_default_malloc(nullptr, 1 << 20);
+    EXPECT_EQ(taken, freed) << "a block kept by another thread was not found";
+    halide_default_free(nullptr, taken);
+    tm_blocks_leave();
+
+    std::atomic<int> clashes{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; t++)
+        threads.emplace_back([t, &clashes] {
+            unsigned seed = unsigned(t) + 1;
+            const auto mark = static_cast<char>(t + 1);
+            for (int call = 0; call < 40; call++) {
+                tm_blocks_enter();
+                std::pair<char *, size_t> held[6] = {};
+                for (int op = 0; op < 60; op++) {
+                    auto &[p, n] = held[rand_r(&seed) % 6];
+                    if (p) {
+                        if (std::count(p, p + n, mark) != std::ptrdiff_t(n)) clashes++;
+                        halide_default_free(nullptr, p);
+                        p = nullptr;
+                    } else {
+                        n = rand_r(&seed) % 3 ? 1 + rand_r(&seed) % 70000 : 1 + rand_r(&seed) % (4 << 20);
+                        p = static_cast<char *>(halide_default_malloc(nullptr, n));
+                        if (p) std::fill_n(p, n, mark);
+                    }
+                }
+                for (auto &[p, n] : held) halide_default_free(nullptr, p);
+                tm_blocks_leave();
+            }
+        });
+    for (auto &t : threads) t.join();
+    EXPECT_EQ(clashes, 0) << "a block was handed to two threads at once";
 }
 
 // What the pool keeps never makes a call fail: with the address space
