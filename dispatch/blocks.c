@@ -54,6 +54,7 @@
 #include <stdatomic.h>
 #include <stdint.h>
 #include <stdlib.h>
+#include <time.h>
 
 #include "HalideRuntime.h"
 
@@ -76,7 +77,8 @@
  * smallest step serves any request that fits in it, or every task's few
  * bytes would be a fresh block and crowd the large ones out of the pool. */
 #define TM_KEEP_SLACK 2
-/* What the pool may hold while calls run. */
+/* What the pool may hold while calls run: blocks in each shard (below),
+ * bytes in all. */
 #define TM_KEEP_MAX_BLOCKS 64
 #define TM_KEEP_BUSY ((size_t)512 << 20)
 /* What it keeps when no call runs, unless the environment says otherwise. */
@@ -108,8 +110,11 @@ typedef struct {
  * bands keep 1-4 MiB each, at 1.1-1.4 times their one-thread speed on two
  * (4096^2 uint8 15 x 15 square 3.3-3.5 ms, with shards 2.0-2.3).  Only
  * where its own shard has no block that fits does a thread look in the
- * others'. */
+ * others'.  Nothing written at every free is shared between shards
+ * (order_of_free): otherwise rows narrower than a block, thousands of bands
+ * a call, stay at 1.4-1.5 times their one-thread speed on two threads. */
 #define TM_SHARDS 16
+_Static_assert(TM_SHARDS <= 16, "order_of_free keeps the shard in 4 bits");
 
 typedef struct {
     _Alignas(128) pthread_mutex_t lock;
@@ -120,6 +125,7 @@ typedef struct {
     atomic_int count;
     atomic_size_t bytes;
     int over; /* holds more than its share of the bound */
+    uint32_t frees;
 } shard;
 
 static shard shards[TM_SHARDS] = {
@@ -134,7 +140,7 @@ static shard shards[TM_SHARDS] = {
  * shard's lock and sees a call running; the last call to leave counts
  * itself out before it locks the shards to cut them back, so no block
  * slips in behind it. */
-static atomic_int calls_running;
+static _Alignas(128) atomic_int calls_running;
 /* The shards that hold more than their share of what the pool may keep
  * while calls run (TM_KEEP_BUSY / TM_SHARDS).  While none does, a block
  * that leaves its shard within its share leaves the pool within the bound,
@@ -142,13 +148,6 @@ static atomic_int calls_running;
  * free cost a narrow-row erosion about 2 % on one thread). */
 #define TM_SHARE (TM_KEEP_BUSY / TM_SHARDS)
 static atomic_int shards_over;
-/* The order of frees across shards, for the cut between calls (which keeps
- * the blocks freed last).  Counted without a locked instruction: such
- * instructions in every free cost a narrow-row erosion (thousands of frees
- * a call) 5-10 % of its time on one thread, and two threads that now and
- * then read the same count merely keep their blocks in a slightly
- * different order. */
-static atomic_uint_fast64_t frees;
 /* Serialises the cuts of every shard at once (leave, drop, a failed
  * allocation), which lock the shards one after the other. */
 static pthread_mutex_t cut_lock = PTHREAD_MUTEX_INITIALIZER;
@@ -193,6 +192,19 @@ static void *remove_at(shard *s, int i) {
     s->blocks[i] = s->blocks[n - 1];
     atomic_store_explicit(&s->count, n - 1, memory_order_relaxed);
     return p;
+}
+
+/* The order of a free, for the cut between calls, which keeps the blocks
+ * freed last: the millisecond, then the shard's own count, then the shard
+ * (frees of two shards in the same millisecond in no particular order).  A count shared
+ * by all shards cost a narrow-row erosion 5-10 % of its time on one thread
+ * (a locked instruction at every free) and, counted without one, about a
+ * tenth on two (the count's line passed between the cores at every free). */
+static uint64_t order_of_free(shard *s) {
+    struct timespec t;
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &t);
+    const uint64_t ms = (uint64_t)t.tv_sec * 1000u + (uint64_t)t.tv_nsec / 1000000u;
+    return ms << 24 | (uint64_t)(s->frees++ & 0xfffffu) << 4 | (uint64_t)(s - shards);
 }
 
 /* Removes the block of a locked, non-empty shard freed first. */
@@ -250,10 +262,8 @@ static int keep(void *p) {
         }
     }
     if (kept) {
-        const uint_fast64_t order = atomic_load_explicit(&frees, memory_order_relaxed);
-        atomic_store_explicit(&frees, order + 1, memory_order_relaxed);
         const int n = count_of(s);
-        s->blocks[n] = (kept_block){p, c, order};
+        s->blocks[n] = (kept_block){p, c, order_of_free(s)};
         set_bytes(s, bytes_of(s) + c);
         atomic_store_explicit(&s->count, n + 1, memory_order_relaxed);
     }
