@@ -267,9 +267,9 @@ static int keep(void *p) {
     int kept = atomic_load(&calls_running) > 0;
     if (kept) {
         if (count_of(s) == TM_KEEP_MAX_BLOCKS) dropped[ndropped++] = remove_oldest(s);
-        while (!reserve(s, s->bytes + c) && count_of(s) > 0) dropped[ndropped++] = remove_oldest(s);
-        /* Other threads' shards may still hold the bound. */
-        kept = reserve(s, s->bytes + c);
+        /* The shard's own blocks give way first; other threads' shards
+         * may still hold the bound. */
+        while (!(kept = reserve(s, s->bytes + c)) && count_of(s) > 0) dropped[ndropped++] = remove_oldest(s);
     }
     if (kept) {
         const int n = count_of(s);
