@@ -9,6 +9,7 @@ import numpy as np
 import pytest
 
 da = pytest.importorskip("dask.array")
+import dask
 
 import tessmorph
 import tessmorph.dask as tdask
@@ -157,9 +158,12 @@ def test_distributed_scheduler(tmp_path):
     fp = random_footprint(rng, (3, 2, 3))
     zarr.save_array(str(tmp_path / "v.zarr"), image, chunks=(5, 4, 9))
     sources = [zarr.open(str(tmp_path / "v.zarr"), mode="r"), stored(tmp_path, image, "from_array memmap")]
-    with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True, host="127.0.0.1",
-                                  dashboard_address=None, silence_logs=50) as cluster, \
-            distributed.Client(cluster) as client:
+    # Two worker processes start while the rest of the suite keeps both
+    # cores busy: the default 30 s for a connection is not much there.
+    with dask.config.set({"distributed.comm.timeouts.connect": "180s", "distributed.comm.timeouts.tcp": "180s"}), \
+            distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True, host="127.0.0.1",
+                                     dashboard_address=None, silence_logs=50) as cluster, \
+            distributed.Client(cluster, timeout="180s") as client:
         for op in OPERATORS:
             whole = getattr(tessmorph, op)(image, fp, lower=-1.5, upper=2.5)
             lazy = getattr(tdask, op)(da.from_array(image, chunks=(4, 3, 10)), fp, lower=-1.5, upper=2.5)
