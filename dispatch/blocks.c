@@ -206,10 +206,11 @@ static void *remove_at(shard *s, int i) {
 
 /* The order of a free, for the cut between calls, which keeps the blocks
  * freed last: the millisecond, then the shard's own count, then the shard
- * (frees of two shards in the same millisecond in no particular order).  A count shared
- * by all shards cost a narrow-row erosion 5-10 % of its time on one thread
- * (a locked instruction at every free) and, counted without one, about a
- * tenth on two (the count's line passed between the cores at every free). */
+ * (frees of two shards in the same millisecond in no particular order).  A
+ * count shared by all shards cost a narrow-row erosion 5-10 % of its time
+ * on one thread (a locked instruction at every free) and, counted without
+ * one, about a tenth on two (the count's line passed between the cores at
+ * every free). */
 static uint64_t order_of_free(shard *s) {
     struct timespec t;
     clock_gettime(CLOCK_MONOTONIC_COARSE, &t);
